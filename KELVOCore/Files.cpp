@@ -1,0 +1,78 @@
+#include "KELVOCore/Files.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+
+namespace kelvo {
+
+namespace {
+
+std::error_code lastError() { return {errno, std::generic_category()}; }
+
+// Writes every byte, retrying short writes and EINTR.
+bool writeAll(int fd, std::span<const std::uint8_t> data) {
+  std::size_t done = 0;
+  while (done < data.size()) {
+    const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+std::optional<std::vector<std::uint8_t>> readFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::vector<std::uint8_t> out;
+  std::uint8_t chunk[65536];
+  for (;;) {
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    out.insert(out.end(), chunk, chunk + n);
+  }
+  ::close(fd);
+  return out;
+}
+
+std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data) {
+  namespace fs = std::filesystem;
+  const fs::path target(path);
+  std::error_code ec;
+  if (target.has_parent_path()) {
+    fs::create_directories(target.parent_path(), ec);
+    if (ec) return ec;
+  }
+  // Unique per process and call, so concurrent writers never share a temp file.
+  static std::atomic<unsigned> counter{0};
+  const std::string temp = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return lastError();
+  if (!writeAll(fd, data) || ::fsync(fd) != 0) {
+    ec = lastError();
+    ::close(fd);
+    ::unlink(temp.c_str());
+    return ec;
+  }
+  if (::close(fd) != 0 || ::rename(temp.c_str(), path.c_str()) != 0) {
+    ec = lastError();
+    ::unlink(temp.c_str());
+    return ec;
+  }
+  return {};
+}
+
+}  // namespace kelvo

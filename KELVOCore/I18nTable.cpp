@@ -1,0 +1,58 @@
+#include "KELVOCore/I18nTable.h"
+
+namespace kelvo {
+
+namespace {
+
+// Each block belongs to one concern of the code base; when a module gains a
+// message for people, its Chinese key, Japanese and English forms go here.
+void addCore(std::unordered_map<std::string, JaEn>& t) {
+  // Genders, speed modes, compute back-ends, language picker.
+  t["默认"] = {"デフォルト", "Default"};
+  t["女声"] = {"女性の声", "Female"};
+  t["男声"] = {"男性の声", "Male"};
+  t["自动"] = {"自動", "Auto"};
+  t["引擎原生 speed"] = {"エンジン本来の speed", "Engine-native speed"};
+  t["本地变速不变调(WSOLA)"] = {"ローカル速度変更・ピッチ維持(WSOLA)", "Local time-stretch, pitch kept (WSOLA)"};
+  t["本地重采样(变速也变调)"] = {"ローカル再サンプリング(速度とピッチが変化)",
+                                "Local resampling (speed and pitch change)"};
+  t["自动(有 Apple GPU 就用 Metal)"] = {"自動(Apple GPU があれば Metal)", "Auto (Metal when an Apple GPU is present)"};
+  t["CPU(任何机器都能跑,最慢)"] = {"CPU(どのマシンでも動作、最も遅い)", "CPU (runs anywhere, slowest)"};
+  t["Metal(Apple 芯片 GPU)"] = {"Metal(Apple シリコン GPU)", "Metal (Apple silicon GPU)"};
+  t["本地 s2.cpp · %s · temp %.2f / top_p %.2f / top_k %d"] = {
+      "ローカル s2.cpp · %s · temp %.2f / top_p %.2f / top_k %d",
+      "local s2.cpp · %s · temp %.2f / top_p %.2f / top_k %d"};
+  t["简体中文"] = {"简体中文", "简体中文"};
+  t["日本語"] = {"日本語", "日本語"};
+  t["English"] = {"English", "English"};
+  t["跟随系统"] = {"システムに従う", "Follow the system"};
+}
+
+void addSelfTest(std::unordered_map<std::string, JaEn>& t) {
+  t["这个版本还没有这个场景"] = {"このビルドにはまだこのシナリオがありません",
+                               "this scenario is not available in this build yet"};
+}
+
+}  // namespace
+
+const std::unordered_map<std::string, JaEn>& i18nTable() {
+  static const auto table = [] {
+    std::unordered_map<std::string, JaEn> t;
+    addCore(t);
+    addSelfTest(t);
+    return t;
+  }();
+  return table;
+}
+
+const std::unordered_map<std::string, JaEn>& macExtra() {
+  static const std::unordered_map<std::string, JaEn> table;
+  return table;
+}
+
+const std::unordered_map<std::string, ZhJaEn>& macOverrides() {
+  static const std::unordered_map<std::string, ZhJaEn> table;
+  return table;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,13 @@
+# Every dependency is a Debian 12 package; scripts/deps.sh installs them.
+find_package(PkgConfig REQUIRED)
+find_package(Threads REQUIRED)
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+find_package(ICU REQUIRED COMPONENTS uc i18n)
+find_package(nlohmann_json 3 REQUIRED)
+pkg_check_modules(FONTCONFIG REQUIRED IMPORTED_TARGET fontconfig)
+if(KELVO_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(KELVO_BENCH)
+  find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,13 @@
+# -DKELVO_SANITIZE=address,undefined (or thread) instruments every target,
+# libraries and tests alike, so a report points at the real fault.
+if(KELVO_SANITIZE)
+  string(REPLACE "," ";" _kelvo_sanitizers "${KELVO_SANITIZE}")
+  foreach(_s IN LISTS _kelvo_sanitizers)
+    add_compile_options(-fsanitize=${_s})
+    add_link_options(-fsanitize=${_s})
+  endforeach()
+  add_compile_options(-fno-omit-frame-pointer -g)
+  if("undefined" IN_LIST _kelvo_sanitizers)
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
