@@ -4,6 +4,9 @@ find_package(Threads REQUIRED)
 find_package(OpenSSL REQUIRED COMPONENTS Crypto)
 find_package(ICU REQUIRED COMPONENTS uc i18n)
 find_package(nlohmann_json 3 REQUIRED)
+# The cache index is read with simdjson: at 100,000 lines nlohmann alone would
+# hold up the start for about a second.
+find_package(simdjson REQUIRED)
 pkg_check_modules(FONTCONFIG REQUIRED IMPORTED_TARGET fontconfig)
 if(KELVO_TESTS)
   find_package(GTest REQUIRED)

@@ -5,7 +5,7 @@ set -euo pipefail
 
 KELVO_PACKAGES=(
   cmake ninja-build g++ pkg-config
-  libssl-dev libicu-dev nlohmann-json3-dev libfontconfig-dev
+  libssl-dev libicu-dev nlohmann-json3-dev libsimdjson-dev libfontconfig-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 

@@ -1,0 +1,144 @@
+// WavCache: synthesised lines kept on disk, so that an announcement spoken once
+// is served again without the engine (also while the model is unloaded). One
+// WAV file per line in the cache directory plus a JSON index, "index.json",
+// whose previous version is kept as "index.json.bak". The total size stays under
+// a byte budget by dropping the least recently used lines; WAV files the index
+// does not know are adopted at start, so a lost index costs the texts of the
+// lines, never their audio.
+//
+// Thread-safe: any thread may call any method. One lock guards the in-memory
+// index and the counters and is never held while an audio file is read or the
+// index is serialised; a second lock only keeps two index writes apart.
+// Cost: a hit is a hash lookup plus one file read; a store is one atomic file
+// write plus, at most once every 2 s, an index write of O(entries); start reads
+// the index and lists the directory once, O(entries + files).
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "KELVOCore/Paths.h"
+#include "KELVOCore/Types.h"
+
+namespace kelvo {
+
+// The cache key of a request spoken by `voice`: SHA-256 (64 upper-case hex
+// digits) of engine tag, the voice's id, profile file, style and seed, the
+// request's speed ("%.3f"), "True"/"False" for `speedApplied`, `sampleRate`, the
+// request's seed and style and its effective text, joined with "|". Airline,
+// priority and gender are deliberately not part of it.
+std::string makeCacheKey(const TtsRequest& request, const VoiceInfo& voice, std::string_view engineTag,
+                         std::int64_t sampleRate, bool speedApplied);
+
+// One cached line.
+struct CacheEntry {
+  std::string fileName;  // plain name inside the cache directory, ending in ".wav"
+  std::string voiceId;
+  std::string text;  // what was spoken; empty for adopted files
+  std::string language;
+  float speed = 1.0f;
+  std::int64_t sampleRate = 0;
+  std::int64_t durationMs = 0;
+  std::int64_t bytes = 0;  // size of the WAV file
+  std::int64_t stamp = 0;  // cache clock at the last use; larger is more recent; not stored
+};
+
+struct CacheStats {
+  std::int64_t count = 0;
+  std::int64_t bytes = 0;
+  std::int64_t budgetBytes = 0;  // 0: no limit
+  std::int64_t hits = 0;
+  std::int64_t misses = 0;
+  std::int64_t evictions = 0;
+  std::int64_t indexWrites = 0;  // index files written since start
+};
+
+// The entries of an index file's bytes, in file order, with stamp 0. Members
+// that are not objects or whose "file" is not a plain ".wav" name are left out;
+// other fields are read leniently. Absent unless the bytes are one JSON object.
+std::optional<std::vector<std::pair<std::string, CacheEntry>>> parseCacheIndex(std::span<const std::uint8_t> bytes);
+
+class WavCache {
+ public:
+  // Opens the cache in `dir` (created when missing): loads "index.json", or
+  // "index.json.bak" when the main index is unusable, then adopts unknown WAV
+  // files. `budgetBytes` below 1 means no limit. Never fails: a cache whose
+  // files cannot be read starts empty.
+  explicit WavCache(std::string dir = KELVOPaths::cacheDir(), std::int64_t budgetBytes = 0);
+  // Writes the index once more when it has changes that were held back.
+  ~WavCache();
+  WavCache(const WavCache&) = delete;
+  WavCache& operator=(const WavCache&) = delete;
+
+  // The cached line with `fromCache` set and `etag` = key, counting a hit and
+  // marking it most recently used; absent (a miss) when unknown or disabled. An
+  // entry whose file is gone or has the wrong size is dropped with a warning.
+  std::optional<TtsResult> tryGet(const std::string& key);
+  // The entry's WAV bytes, without counting or touching its recency.
+  std::optional<Bytes> readAudio(const std::string& key);
+  // Whether `tryGet` would find an entry; no counter changes.
+  bool contains(const std::string& key) const;
+
+  // Stores `result.wav` as "<key>.wav" and indexes it with `text`, replacing an
+  // older entry of the key, then evicts down to the budget. Does nothing when
+  // disabled or the audio is empty; a failed write is logged and stores nothing.
+  // REQUIRES: `key` is a file-name-safe string (as makeCacheKey gives).
+  void put(const std::string& key, const TtsResult& result, const std::string& text);
+  // Drops one entry and deletes its file.
+  void remove(const std::string& key);
+  // Deletes every WAV file in the directory and empties the index.
+  void clear();
+
+  CacheStats stats() const;
+  // Writes the index (keeping the previous one as the backup). Unless `force`,
+  // only when there are unsaved changes and the last write is 2 s or more ago.
+  void saveIndex(bool force);
+
+  // A disabled cache neither serves nor stores; its content is kept.
+  void setEnabled(bool enabled);
+  bool isEnabled() const;
+
+ private:
+  using Items = std::unordered_map<std::string, CacheEntry>;
+
+  using FileNames = std::unordered_set<std::string>;
+
+  bool loadIndex(const std::string& path, const FileNames& wavFiles);
+  void adoptOrphans(const FileNames& wavFiles);
+  // The entry and its file's bytes; an unreadable file drops the entry.
+  std::optional<std::pair<CacheEntry, Bytes>> fetch(const std::string& key, bool countUse);
+  // Drops `key` when it still describes the file `seen` came from.
+  void drop(const std::string& key, const CacheEntry& seen);
+  // REQUIRES: lock_ held (or the constructor running).
+  // Adds or replaces `key` as the most recently used entry.
+  void insertLocked(const std::string& key, CacheEntry entry);
+  void eraseLocked(Items::iterator it);
+  void evictLocked();
+
+  mutable std::mutex lock_;
+  std::mutex ioLock_;  // taken before lock_, never the other way round
+  Items items_;
+  const std::string dir_;
+  const std::int64_t budget_;
+  std::int64_t bytes_ = 0;
+  std::int64_t clock_ = 0;
+  std::int64_t hits_ = 0;
+  std::int64_t misses_ = 0;
+  std::int64_t evictions_ = 0;
+  std::int64_t indexWrites_ = 0;
+  bool dirty_ = false;
+  std::optional<std::chrono::steady_clock::time_point> lastSave_;
+  std::atomic<bool> enabled_{true};
+};
+
+}  // namespace kelvo

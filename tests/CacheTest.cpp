@@ -1,0 +1,430 @@
+#include "KELVOCore/Cache.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "KELVOCore/Files.h"
+#include "KELVOCore/Log.h"
+#include "KELVOCore/Wav.h"
+#include "tests/TestSupport.h"
+
+namespace kelvo {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TempDir;
+
+// A line whose WAV file is exactly `bytes` long (44-byte header, 16-bit mono).
+TtsResult line(std::int64_t bytes, std::string voice = "v1") {
+  PcmBuffer pcm;
+  pcm.sampleRate = 22050;
+  pcm.data.assign(static_cast<std::size_t>((bytes - 44) / 2), 0.25f);
+  TtsResult r;
+  r.wav = buildWav(pcm, 1);
+  r.sampleRate = pcm.sampleRate;
+  r.durationMs = pcm.durationMs();
+  r.voiceId = std::move(voice);
+  r.language = "zh";
+  r.speed = 1.25f;
+  return r;
+}
+
+// "K" + i, spelt so that GCC 12 does not see a bogus overlap in operator+.
+std::string keyOf(unsigned i) {
+  std::string key = "K";
+  key += std::to_string(i);
+  return key;
+}
+
+bool logged(LogLevel level, const std::string& text) {
+  for (const auto& e : AppLog::snapshot()) {
+    if (e.source == "cache" && e.level == level && e.text == text) return true;
+  }
+  return false;
+}
+
+void writeText(const std::string& path, std::string_view text) {
+  ASSERT_FALSE(writeFileAtomic(path, std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size())));
+}
+
+// Entries of an index file on disk; absent when it is missing or does not parse.
+std::optional<std::size_t> entriesIn(const std::string& path) {
+  const auto bytes = readFile(path);
+  if (!bytes) return std::nullopt;
+  const auto entries = parseCacheIndex(*bytes);
+  if (!entries) return std::nullopt;
+  return entries->size();
+}
+
+TEST(CacheKeyTest, FollowsWhatChangesTheAudioAndNothingElse) {
+  const TtsRequest plain = TtsRequest::make("你好", "zh", TtsGender::automatic, 1.0f);
+  VoiceInfo voice;
+  voice.id = "v1";
+  EXPECT_EQ(makeCacheKey(plain, voice, "e", 0, false),
+            "DAD9CAAD980EC29D01A7350A00319BD2A42B391A1BC15DE72C859A3393111D3A");
+
+  TtsRequest full = TtsRequest::make("Hi", "en", TtsGender::male, 1.25f);
+  full.seed = 3;
+  full.style = "brisk";
+  VoiceInfo styled;
+  styled.id = "V";
+  styled.profileFile = "p.json";
+  styled.style = "calm";
+  styled.seed = 7;
+  // "eng|V|p.json|calm|7|1.250|True|24000|3|brisk|[brisk] Hi"
+  EXPECT_EQ(makeCacheKey(full, styled, "eng", 24000, true),
+            "956F54A7D27DA1C221E8DFC9F3A6C53FB803D5FDC31EF3E713B779022C7CD589");
+
+  const std::string base = makeCacheKey(plain, voice, "e", 0, false);
+  TtsRequest faster = plain;
+  faster.speed = 1.5f;
+  EXPECT_NE(makeCacheKey(faster, voice, "e", 0, false), base);
+  EXPECT_NE(makeCacheKey(plain, voice, "e", 24000, false), base);
+  EXPECT_NE(makeCacheKey(plain, voice, "s2:q4", 0, false), base);
+  EXPECT_NE(makeCacheKey(plain, voice, "e", 0, true), base);
+
+  TtsRequest routed = plain;
+  routed.airline = "CCA";
+  routed.priority = TtsPriority::high;
+  routed.gender = TtsGender::female;
+  EXPECT_EQ(makeCacheKey(routed, voice, "e", 0, false), base);
+}
+
+TEST(WavCacheTest, StoresServesAndCounts) {
+  TempDir dir;
+  {
+    WavCache cache(dir.path());
+    EXPECT_FALSE(cache.tryGet("K1"));
+    cache.put("K1", line(600), "请登机");
+    cache.put("K2", line(400), "second");
+    cache.put("K2", line(500), "second, longer");  // replaces, never double-counts
+
+    const auto hit = cache.tryGet("K1");
+    ASSERT_TRUE(hit);
+    EXPECT_EQ(hit->wav, line(600).wav);
+    EXPECT_TRUE(hit->fromCache);
+    EXPECT_EQ(hit->etag, "K1");
+    EXPECT_EQ(hit->voiceId, "v1");
+    EXPECT_EQ(hit->language, "zh");
+    EXPECT_EQ(hit->sampleRate, 22050);
+    EXPECT_EQ(hit->durationMs, line(600).durationMs);
+    EXPECT_FLOAT_EQ(hit->speed, 1.25f);
+    ASSERT_TRUE(cache.readAudio("K2"));
+    EXPECT_EQ(cache.readAudio("K2")->size(), 500u);
+    EXPECT_TRUE(cache.contains("K2"));
+    EXPECT_FALSE(cache.contains("K3"));
+
+    CacheStats s = cache.stats();
+    EXPECT_EQ(s.count, 2);
+    EXPECT_EQ(s.bytes, 1100);
+    EXPECT_EQ(s.hits, 1);  // readAudio and contains do not count
+    EXPECT_EQ(s.misses, 1);
+
+    cache.setEnabled(false);
+    EXPECT_FALSE(cache.tryGet("K1"));
+    EXPECT_FALSE(cache.contains("K1"));
+    cache.put("K3", line(300), "ignored");
+    cache.setEnabled(true);
+    EXPECT_FALSE(cache.contains("K3"));
+    EXPECT_FALSE(fs::exists(dir.path() + "K3.wav"));
+    cache.put("K4", TtsResult{}, "no audio");
+    EXPECT_FALSE(cache.contains("K4"));
+
+    cache.remove("K2");
+    EXPECT_FALSE(cache.contains("K2"));
+    EXPECT_FALSE(fs::exists(dir.path() + "K2.wav"));
+    EXPECT_EQ(cache.stats().bytes, 600);
+  }
+  // The index held back by throttling is written on the way out.
+  WavCache reopened(dir.path());
+  EXPECT_EQ(reopened.stats().count, 1);
+  const auto again = reopened.tryGet("K1");
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->voiceId, "v1");
+  EXPECT_FLOAT_EQ(again->speed, 1.25f);
+}
+
+TEST(WavCacheTest, EvictsLeastRecentlyUsedWithinTheBudget) {
+  {
+    TempDir dir;
+    WavCache cache(dir.path(), 1000);
+    cache.put("A", line(600), "a");
+    cache.put("B", line(600), "b");
+    EXPECT_FALSE(cache.contains("A"));
+    EXPECT_FALSE(fs::exists(dir.path() + "A.wav"));
+    EXPECT_TRUE(cache.contains("B"));
+    EXPECT_EQ(cache.stats().evictions, 1);
+    EXPECT_EQ(cache.stats().bytes, 600);
+  }
+  for (const bool touchA : {false, true}) {
+    TempDir dir;
+    WavCache cache(dir.path(), 1000);
+    cache.put("A", line(400), "a");
+    cache.put("B", line(400), "b");
+    if (touchA) {
+      EXPECT_TRUE(cache.tryGet("A"));
+    }
+    cache.put("C", line(400), "c");
+    EXPECT_EQ(cache.contains("A"), touchA);
+    EXPECT_EQ(cache.contains("B"), !touchA);
+    EXPECT_TRUE(cache.contains("C"));
+    EXPECT_EQ(cache.stats().bytes, 800);
+  }
+  {
+    TempDir dir;
+    WavCache cache(dir.path(), 0);
+    for (unsigned i = 0; i < 12; ++i) cache.put(keyOf(i), line(2000), "t");
+    EXPECT_EQ(cache.stats().count, 12);
+    EXPECT_EQ(cache.stats().evictions, 0);
+    EXPECT_EQ(WavCache(dir.path() + "neg", -5).stats().budgetBytes, 0);
+  }
+}
+
+TEST(WavCacheTest, RecoversFromTheBackupThenFromOrphans) {
+  TempDir dir;
+  const std::string index = dir.path() + "index.json";
+  const std::string backup = dir.path() + "index.json.bak";
+  {
+    WavCache cache(dir.path());
+    cache.put("A", line(300), "a");
+    cache.saveIndex(true);  // the backup now knows A
+    cache.put("B", line(300), "b");
+  }
+  EXPECT_EQ(entriesIn(index), 2u);
+  EXPECT_EQ(entriesIn(backup), 1u);
+
+  AppLog::clear();
+  fs::remove(index);
+  {
+    WavCache cache(dir.path());
+    EXPECT_TRUE(logged(LogLevel::warn, "main cache index was unusable, recovered from the backup"));
+    EXPECT_TRUE(logged(LogLevel::info, "adopted 1 cached clip(s) that the index did not know about"));
+    EXPECT_EQ(cache.tryGet("A")->voiceId, "v1");
+    const auto b = cache.tryGet("B");  // adopted: audio and header facts, no texts
+    ASSERT_TRUE(b);
+    EXPECT_EQ(b->voiceId, "");
+    EXPECT_EQ(b->sampleRate, 22050);
+    EXPECT_EQ(b->durationMs, line(300).durationMs);
+    EXPECT_EQ(b->wav.size(), 300u);
+  }
+
+  AppLog::clear();
+  fs::remove(index);
+  fs::remove(backup);
+  WavCache cache(dir.path());
+  EXPECT_TRUE(logged(LogLevel::info, "adopted 2 cached clip(s) that the index did not know about"));
+  EXPECT_TRUE(logged(LogLevel::info, "cache loaded: 2 entries / 0.0 MB from " + dir.path()));
+  EXPECT_EQ(cache.tryGet("A")->voiceId, "");
+}
+
+TEST(WavCacheTest, DamagedIndexFallsBackAndNeverLeavesTheDirectory) {
+  const std::vector<std::pair<std::string, std::string>> damaged = {
+      {"truncated", ""},  // filled in from a real index below
+      {"not JSON", "this is not json"},
+      {"array", "[1, 2, 3]"},
+      {"wrong types", R"({"K1": 5, "K2": {"file": 7}, "K3": {"file": ["a.wav"]}, "K4": null})"},
+      {"escaping names", R"({"P1": {"file": "../victim.wav", "bytes": 300},
+                             "P2": {"file": "sub/inner.wav", "bytes": 300},
+                             "P3": {"file": "/victim.wav"}, "P4": {"file": ".."},
+                             "P5": {"file": "index.json"}, "P6": {"file": "index.json.bak"}})"},
+  };
+  for (const auto& [what, text] : damaged) {
+    SCOPED_TRACE(what);
+    TempDir root;
+    const std::string dir = root.path() + "cache/";
+    const std::string victim = root.path() + "victim.wav";
+    const std::string inner = dir + "sub/inner.wav";
+    ASSERT_FALSE(writeFileAtomic(victim, line(300).wav));
+    ASSERT_FALSE(writeFileAtomic(inner, line(300).wav));
+    {
+      WavCache cache(dir);
+      cache.put("A", line(300), "a");
+      cache.saveIndex(true);
+    }
+    const auto good = readFile(dir + "index.json");
+    ASSERT_TRUE(good);
+    writeText(dir + "index.json", what == "truncated" ? std::string(good->begin(), good->begin() + good->size() / 2)
+                                                       : text);
+    AppLog::clear();
+    {
+      WavCache cache(dir, 1);
+      EXPECT_TRUE(logged(LogLevel::warn, "main cache index was unusable, recovered from the backup"));
+      const auto a = cache.tryGet("A");
+      ASSERT_TRUE(a);
+      EXPECT_EQ(a->voiceId, "v1");
+      for (const char* key : {"P1", "P2", "P3", "P4", "P5", "P6"}) {
+        EXPECT_FALSE(cache.tryGet(key));
+        cache.remove(key);
+      }
+      cache.put("B", line(300), "b");  // a budget of 1 byte evicts everything
+      EXPECT_EQ(cache.stats().count, 0);
+      cache.clear();
+    }
+    EXPECT_EQ(readFile(victim), line(300).wav);
+    EXPECT_EQ(readFile(inner), line(300).wav);
+    EXPECT_EQ(entriesIn(dir + "index.json"), 0u);
+  }
+}
+
+TEST(WavCacheTest, IndexReaderIsLenientAboutTypesAndStrictAboutNames) {
+  const std::string text = R"({
+    "A": {"file": "a.wav", "voice": 12, "text": null, "speed": "1.5", "sampleRate": 22050.7,
+          "durationMs": "1200", "bytes": "600"},
+    "B": {"file": "b.wav", "speed": 1e300, "bytes": 1e30},
+    "C": {"file": "c.wav", "speed": -3, "bytes": -20, "language": true},
+    "D": {"file": "d.wa"}, "E": {"file": ".wav"}, "F": {"file": "x/../e.wav"}, "G": {"file": "g\u0000.wav"}})";
+  const auto entries = parseCacheIndex(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+  ASSERT_TRUE(entries);
+  ASSERT_EQ(entries->size(), 3u);
+  const CacheEntry& a = (*entries)[0].second;
+  EXPECT_EQ((*entries)[0].first, "A");
+  EXPECT_EQ(a.voiceId, "12");
+  EXPECT_EQ(a.text, "");
+  EXPECT_FLOAT_EQ(a.speed, 1.5f);
+  EXPECT_EQ(a.sampleRate, 22050);
+  EXPECT_EQ(a.durationMs, 1200);
+  EXPECT_EQ(a.bytes, 600);
+  const CacheEntry& b = (*entries)[1].second;
+  EXPECT_FLOAT_EQ(b.speed, KELVO::speedMax);
+  EXPECT_EQ(b.bytes, (std::int64_t{1} << 32) + 8);
+  const CacheEntry& c = (*entries)[2].second;
+  EXPECT_FLOAT_EQ(c.speed, 1.0f);
+  EXPECT_EQ(c.bytes, 0);
+  EXPECT_EQ(c.language, "1");
+
+  for (const std::string bad : {"", "{", "[]", "\"text\"", "{} {}", "{\"a\": 1,}"}) {
+    EXPECT_FALSE(parseCacheIndex(std::span(reinterpret_cast<const std::uint8_t*>(bad.data()), bad.size()))) << bad;
+  }
+}
+
+TEST(WavCacheTest, DropsFilesChangedBehindItsBack) {
+  TempDir dir;
+  WavCache cache(dir.path());
+  cache.put("A", line(400), "a");
+  cache.put("B", line(400), "b");
+  AppLog::clear();
+
+  fs::remove(dir.path() + "A.wav");
+  EXPECT_FALSE(cache.tryGet("A"));
+  EXPECT_TRUE(logged(LogLevel::warn, "cannot read cache file (A.wav), dropping the entry"));
+  EXPECT_FALSE(cache.contains("A"));
+
+  fs::resize_file(dir.path() + "B.wav", 100);
+  EXPECT_FALSE(cache.readAudio("B"));
+  EXPECT_TRUE(logged(LogLevel::warn, "cannot read cache file (B.wav), dropping the entry"));
+  EXPECT_FALSE(fs::exists(dir.path() + "B.wav"));  // a torn clip must not come back as an orphan
+  EXPECT_EQ(cache.stats().count, 0);
+  EXPECT_EQ(cache.stats().bytes, 0);
+}
+
+TEST(WavCacheTest, ThrottlesIndexWritesAndClears) {
+  TempDir dir;
+  WavCache cache(dir.path());
+  const auto start = std::chrono::steady_clock::now();
+  constexpr unsigned kPuts = 60;
+  for (unsigned i = 0; i < kPuts; ++i) cache.put(keyOf(i), line(100), "t");
+  const auto elapsedMs =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+  const std::int64_t writes = cache.stats().indexWrites;
+  EXPECT_GE(writes, 1);
+  EXPECT_LE(writes, 1 + elapsedMs / 2000);
+
+  cache.saveIndex(true);
+  EXPECT_EQ(cache.stats().indexWrites, writes + 1);
+  EXPECT_EQ(entriesIn(dir.path() + "index.json"), std::size_t{kPuts});
+  cache.saveIndex(false);  // nothing changed since
+  EXPECT_EQ(cache.stats().indexWrites, writes + 1);
+
+  writeText(dir.path() + "stray.wav", "not even a wav");
+  writeText(dir.path() + "notes.txt", "kept");
+  AppLog::clear();
+  cache.clear();
+  EXPECT_TRUE(logged(LogLevel::info, "cache cleared"));
+  EXPECT_EQ(cache.stats().count, 0);
+  EXPECT_EQ(cache.stats().bytes, 0);
+  EXPECT_EQ(entriesIn(dir.path() + "index.json"), 0u);
+  EXPECT_FALSE(fs::exists(dir.path() + "stray.wav"));
+  EXPECT_TRUE(fs::exists(dir.path() + "notes.txt"));
+}
+
+// A crash in the middle of an index write must leave a whole index behind: the
+// child writes in a loop and is killed at random moments.
+TEST(WavCacheTest, IndexOnDiskSurvivesKillsDuringWrites) {
+  TempDir dir;
+  constexpr unsigned kEntries = 40;
+  WavCache cache(dir.path());
+  for (unsigned i = 0; i < kEntries; ++i) cache.put(keyOf(i), line(100), "t");
+  cache.saveIndex(true);
+
+  std::mt19937 rng(20240611);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  int rounds = 0;
+  while (std::chrono::steady_clock::now() < deadline && rounds < 100) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      // No gtest in here: write, and leave without running atexit handlers.
+      for (int i = 0; i < 100000; ++i) cache.saveIndex(true);
+      _exit(0);
+    }
+    ::usleep(std::uniform_int_distribution<useconds_t>(0, 15000)(rng));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_EQ(entriesIn(dir.path() + "index.json"), std::size_t{kEntries}) << "round " << rounds;
+    if (fs::exists(dir.path() + "index.json.bak")) {
+      ASSERT_EQ(entriesIn(dir.path() + "index.json.bak"), std::size_t{kEntries}) << "round " << rounds;
+    }
+    ++rounds;
+  }
+  EXPECT_GE(rounds, 10);
+  EXPECT_EQ(WavCache(dir.path()).stats().count, static_cast<std::int64_t>(kEntries));
+}
+
+TEST(WavCacheTest, ManyThreadsShareOneCache) {
+  TempDir dir;
+  constexpr std::int64_t kSize = 300;
+  constexpr int kThreads = 4;
+  constexpr int kOps = 120;
+  std::atomic<std::int64_t> lookups{0};
+  {
+    WavCache cache(dir.path(), 8 * kSize);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&cache, &lookups, t] {
+        std::mt19937 rng(static_cast<unsigned>(t));
+        for (int i = 0; i < kOps; ++i) {
+          const std::string key = keyOf(rng() % 16);
+          switch (rng() % 6) {
+            case 0: cache.put(key, line(kSize), "t"); break;
+            case 1: cache.remove(key); break;
+            case 2: cache.readAudio(key); break;
+            case 3: EXPECT_LE(cache.stats().bytes, 8 * kSize); break;
+            default: {
+              ++lookups;
+              const auto hit = cache.tryGet(key);
+              if (hit) {
+                EXPECT_EQ(hit->wav.size(), static_cast<std::size_t>(kSize));
+              }
+            }
+          }
+        }
+      });
+    }
+    for (auto& th : threads) th.join();
+    const CacheStats s = cache.stats();
+    EXPECT_EQ(s.hits + s.misses, lookups.load());
+    EXPECT_EQ(s.bytes, s.count * kSize);
+    EXPECT_LE(s.bytes, s.budgetBytes);
+  }
+  EXPECT_TRUE(entriesIn(dir.path() + "index.json"));
+}
+
+}  // namespace
+}  // namespace kelvo
