@@ -1,11 +1,16 @@
 #include "KELVOCore/Cache.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <filesystem>
+#include <future>
 
 #include <simdjson.h>
 
@@ -35,28 +40,33 @@ constexpr std::uintmax_t kMaxIndexBytes = std::uintmax_t{512} << 20;
 // A name that stays inside the cache directory and belongs to the cache: no
 // separator, no NUL, ends in ".wav" (so never "..", nor one of the index files).
 bool isPlainWavName(std::string_view name) {
-  return name.size() > kWavSuffix.size() && name.ends_with(kWavSuffix) &&
-         name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+  return name.size() > kWavSuffix.size() && name.ends_with(kWavSuffix) && name.find('/') == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
 }
 
-// Regular files with a plain ".wav" name directly inside `dir`. Links and
-// folders are left out, so no entry can lead outside the directory.
-std::unordered_set<std::string> listWavFiles(const std::string& dir) {
-  std::unordered_set<std::string> names;
-  std::error_code ec;
-  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-    std::error_code typeError;
-    if (it->symlink_status(typeError).type() != fs::file_type::regular) continue;
-    std::string name = it->path().filename().string();
-    if (isPlainWavName(name)) names.insert(std::move(name));
+// Calls `visit` with the name of every regular file with a plain ".wav" name
+// directly inside `dir`. Links and folders are left out, so no entry can lead
+// outside the directory. readdir rather than std::filesystem: at 100,000 files
+// a path object per name is a visible part of the start.
+template <typename Visit>
+void forEachWavFile(const std::string& dir, Visit&& visit) {
+  DIR* folder = ::opendir(dir.c_str());
+  if (folder == nullptr) return;
+  while (const dirent* e = ::readdir(folder)) {
+    const std::string_view name = e->d_name;
+    if (!isPlainWavName(name)) continue;
+    bool regular = e->d_type == DT_REG;
+    if (e->d_type == DT_UNKNOWN) {  // file systems that do not say; ask without following links
+      struct stat st {};
+      regular = ::fstatat(::dirfd(folder), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
+    }
+    if (regular) visit(name);
   }
-  return names;
+  ::closedir(folder);
 }
 
-void deleteFile(const std::string& path) {
-  std::error_code ignored;
-  fs::remove(path, ignored);
-}
+// True when the file is gone, whether deleted now or never there.
+bool deleteFile(const std::string& path) { return ::unlink(path.c_str()) == 0 || errno == ENOENT; }
 
 // ---- Index reading ----------------------------------------------------------
 // The index is parsed with simdjson: nlohmann needs about a second for 100,000
@@ -81,28 +91,70 @@ Json looseMember(std::string_view key, sj::element el) {
   return obj;
 }
 
-std::string textMember(sj::object fields, std::string_view key) {
-  sj::element el;
-  if (fields.at_key(key).get(el) != simdjson::SUCCESS) return {};
+std::string textValue(std::string_view key, sj::element el) {
   std::string_view text;
   if (el.get_string().get(text) == simdjson::SUCCESS) return std::string(text);
   return jStr(looseMember(key, el), key);
 }
 
-std::int64_t intMember(sj::object fields, std::string_view key) {
-  sj::element el;
-  if (fields.at_key(key).get(el) != simdjson::SUCCESS) return 0;
+std::int64_t intValue(std::string_view key, sj::element el) {
   std::int64_t value = 0;
   if (el.get_int64().get(value) == simdjson::SUCCESS) return value;
   return jInt(looseMember(key, el), key, 0);
 }
 
-double floatMember(sj::object fields, std::string_view key, double def) {
-  sj::element el;
-  if (fields.at_key(key).get(el) != simdjson::SUCCESS) return def;
+double floatValue(std::string_view key, sj::element el, double def) {
   double value = 0;
   if (el.get_double().get(value) == simdjson::SUCCESS) return value;
   return jFloat(looseMember(key, el), key, def);
+}
+
+// One member of the index. Each field is looked at once, in file order; as with
+// the lenient readers, a repeated field counts with its last value.
+std::optional<CacheEntry> entryFrom(sj::object fields) {
+  CacheEntry e;
+  double speed = 1.0;
+  for (const auto field : fields) {
+    const std::string_view name = field.key;
+    if (name == "file") {
+      e.fileName = textValue(name, field.value);
+    } else if (name == "voice") {
+      e.voiceId = textValue(name, field.value);
+    } else if (name == "text") {
+      e.text = textValue(name, field.value);
+    } else if (name == "language") {
+      e.language = textValue(name, field.value);
+    } else if (name == "speed") {
+      speed = floatValue(name, field.value, 1.0);
+    } else if (name == "sampleRate") {
+      e.sampleRate = intValue(name, field.value);
+    } else if (name == "durationMs") {
+      e.durationMs = intValue(name, field.value);
+    } else if (name == "bytes") {
+      e.bytes = std::clamp<std::int64_t>(intValue(name, field.value), 0, kMaxWavBytes);
+    }
+  }
+  if (!isPlainWavName(e.fileName)) return std::nullopt;
+  // Bounded first: a double beyond the float range cannot be converted.
+  e.speed = clampSpeed(static_cast<float>(std::clamp(speed, -1.0, 4.0)));
+  return e;
+}
+
+// Hands every usable member of the index in `text` to `take`, in file order,
+// after telling `reserve` how many members there are. False unless `text` is
+// one JSON object. `text` carries simdjson's padding, so it is parsed in place.
+template <typename Reserve, typename Take>
+bool readIndex(simdjson::padded_string_view text, Reserve&& reserve, Take&& take) {
+  sj::parser parser;
+  sj::object root;
+  if (parser.parse(text).get_object().get(root) != simdjson::SUCCESS) return false;
+  reserve(root.size());
+  for (const auto member : root) {
+    sj::object fields;
+    if (member.value.get_object().get(fields) != simdjson::SUCCESS) continue;
+    if (auto entry = entryFrom(fields)) take(member.key, std::move(*entry));
+  }
+  return true;
 }
 
 // ---- Index writing ----------------------------------------------------------
@@ -162,27 +214,12 @@ std::string makeCacheKey(const TtsRequest& request, const VoiceInfo& voice, std:
 }
 
 std::optional<std::vector<std::pair<std::string, CacheEntry>>> parseCacheIndex(std::span<const std::uint8_t> bytes) {
-  sj::parser parser;
-  sj::object root;
-  if (parser.parse(bytes.data(), bytes.size()).get_object().get(root) != simdjson::SUCCESS) return std::nullopt;
+  const simdjson::padded_string text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   std::vector<std::pair<std::string, CacheEntry>> entries;
-  entries.reserve(root.size());
-  for (const auto member : root) {
-    sj::object fields;
-    if (member.value.get_object().get(fields) != simdjson::SUCCESS) continue;
-    CacheEntry e;
-    e.fileName = textMember(fields, "file");
-    if (!isPlainWavName(e.fileName)) continue;
-    e.voiceId = textMember(fields, "voice");
-    e.text = textMember(fields, "text");
-    e.language = textMember(fields, "language");
-    // Bounded first: a double beyond the float range cannot be converted.
-    e.speed = clampSpeed(static_cast<float>(std::clamp(floatMember(fields, "speed", 1.0), -1.0, 4.0)));
-    e.sampleRate = intMember(fields, "sampleRate");
-    e.durationMs = intMember(fields, "durationMs");
-    e.bytes = std::clamp<std::int64_t>(intMember(fields, "bytes"), 0, kMaxWavBytes);
-    entries.emplace_back(std::string(member.key), std::move(e));
-  }
+  const bool parsed = readIndex(
+      text, [&entries](std::size_t count) { entries.reserve(count); },
+      [&entries](std::string_view key, CacheEntry&& entry) { entries.emplace_back(key, std::move(entry)); });
+  if (!parsed) return std::nullopt;
   return entries;
 }
 
@@ -192,14 +229,26 @@ WavCache::WavCache(std::string dir, std::int64_t budgetBytes)
     : dir_(withSlash(std::move(dir))), budget_(std::max<std::int64_t>(budgetBytes, 0)) {
   std::error_code ignored;
   fs::create_directories(dir_, ignored);
-  const FileNames wavFiles = listWavFiles(dir_);
+  // Listing a large directory is mostly kernel time and needs nothing from the
+  // index, so it runs while the index is parsed. (Without a spare thread the
+  // default policy runs it on first use instead.)
+  const Listing listing = std::async([dir = dir_] {
+                            std::vector<std::string> names;
+                            forEachWavFile(dir, [&names](std::string_view name) { names.emplace_back(name); });
+                            return names;
+                          }).share();
   const std::string index = dir_ + std::string(kIndexName);
-  if (!loadIndex(index, wavFiles) && loadIndex(dir_ + std::string(kBackupName), wavFiles)) {
-    AppLog::warn(kSource, "main cache index was unusable, recovered from the backup");
-    // Otherwise the next save would make the damaged file the backup.
-    deleteFile(index);
+  std::vector<std::string> orphans;
+  if (!loadIndex(index, listing, orphans)) {
+    if (loadIndex(dir_ + std::string(kBackupName), listing, orphans)) {
+      AppLog::warn(kSource, "main cache index was unusable, recovered from the backup");
+      // Otherwise the next save would make the damaged file the backup.
+      deleteFile(index);
+    } else {
+      orphans = listing.get();
+    }
   }
-  adoptOrphans(wavFiles);
+  adoptOrphans(std::move(orphans));
   char line[64];
   std::snprintf(line, sizeof line, "cache loaded: %zu entries / %.1f MB from ", items_.size(),
                 static_cast<double>(bytes_) / 1048576.0);
@@ -219,33 +268,57 @@ WavCache::~WavCache() {
 // index whose every member is damaged is as good as none, and the backup may
 // still know the texts. (An empty index after a clear tries the backup too, but
 // that one only names the files the clear deleted.)
-bool WavCache::loadIndex(const std::string& path, const FileNames& wavFiles) {
+bool WavCache::loadIndex(const std::string& path, const Listing& listing, std::vector<std::string>& orphans) {
   std::error_code sizeError;
   const std::uintmax_t size = fs::file_size(path, sizeError);
   if (sizeError || size > kMaxIndexBytes) return false;
-  const auto bytes = readFile(path);
-  if (!bytes) return false;
-  auto entries = parseCacheIndex(*bytes);
-  if (!entries) {
+  // Read into simdjson's padded buffer rather than through readFile: the parser
+  // then works in place instead of copying 30 MB first.
+  simdjson::padded_string text;
+  if (simdjson::padded_string::load(path).get(text) != simdjson::SUCCESS) return false;
+  // Entries come in unclaimed (stamp 0); listing the directory once claims each
+  // file for the entry that names it, so existence and "one entry per file" cost
+  // one lookup per file. Files named after another key only come from edited
+  // indexes and are looked up on the side.
+  std::unordered_map<std::string, std::string> otherNames;  // file name -> key
+  const bool parsed = readIndex(
+      text, [this](std::size_t count) { items_.reserve(count); },
+      [this, &otherNames](std::string_view key, CacheEntry&& entry) {
+        const bool namedAfterKey =
+            entry.fileName.size() == key.size() + kWavSuffix.size() && entry.fileName.starts_with(key);
+        const auto [it, fresh] = items_.try_emplace(std::string(key), std::move(entry));
+        if (fresh && !namedAfterKey) otherNames.try_emplace(it->second.fileName, it->first);
+      });
+  if (!parsed) {
     AppLog::warn(kSource, "cache index is not valid JSON: " + fs::path(path).filename().string());
     return false;
   }
-  FileNames used;
-  for (auto& [key, entry] : *entries) {
-    // First claim wins: two keys sharing a file would delete it under each other.
-    if (!wavFiles.contains(entry.fileName) || items_.contains(key) || !used.insert(entry.fileName).second) continue;
-    insertLocked(key, std::move(entry));
+  std::vector<std::string> unknown;
+  std::size_t claimed = 0;
+  for (const std::string& name : listing.get()) {
+    auto it = items_.find(std::string_view(name).substr(0, name.size() - kWavSuffix.size()));
+    if ((it == items_.end() || it->second.fileName != name) && !otherNames.empty()) {
+      const auto other = otherNames.find(name);
+      it = other == otherNames.end() ? items_.end() : items_.find(other->second);
+    }
+    if (it == items_.end() || it->second.fileName != name) {
+      unknown.push_back(name);
+      continue;
+    }
+    it->second.stamp = ++clock_;
+    bytes_ += it->second.bytes;
+    ++claimed;
   }
-  return !items_.empty();
+  if (claimed == 0) {
+    items_.clear();
+    return false;
+  }
+  if (claimed < items_.size()) std::erase_if(items_, [](const auto& item) { return item.second.stamp == 0; });
+  orphans = std::move(unknown);
+  return true;
 }
 
-void WavCache::adoptOrphans(const FileNames& wavFiles) {
-  FileNames known;
-  for (const auto& [key, entry] : items_) known.insert(entry.fileName);
-  std::vector<std::string> orphans;
-  for (const auto& name : wavFiles) {
-    if (!known.contains(name)) orphans.push_back(name);
-  }
+void WavCache::adoptOrphans(std::vector<std::string> orphans) {
   // Sorted, so stamps (and with them eviction order) do not depend on readdir.
   std::sort(orphans.begin(), orphans.end());
   std::size_t adopted = 0;
@@ -373,11 +446,11 @@ void WavCache::remove(const std::string& key) {
 void WavCache::clear() {
   // Files first: a line stored meanwhile at worst leaves a file that comes back
   // as an orphan, never an entry without its file.
+  std::vector<std::string> names;
+  forEachWavFile(dir_, [&names](std::string_view name) { names.emplace_back(name); });
   std::size_t failed = 0;
-  for (const auto& name : listWavFiles(dir_)) {
-    std::error_code ec;
-    fs::remove(dir_ + name, ec);
-    if (ec) ++failed;
+  for (const auto& name : names) {
+    if (!deleteFile(dir_ + name)) ++failed;
   }
   {
     std::lock_guard guard(lock_);

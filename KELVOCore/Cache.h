@@ -17,13 +17,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -109,12 +109,22 @@ class WavCache {
   bool isEnabled() const;
 
  private:
-  using Items = std::unordered_map<std::string, CacheEntry>;
+  // Keys are looked up by string_view too (file names without ".wav"). Not
+  // noexcept on purpose: libstdc++ then keeps each hash in its node, so chain
+  // walks and rehashes do not compare or rehash 64-digit keys.
+  struct KeyHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+  };
+  using Items = std::unordered_map<std::string, CacheEntry, KeyHash, std::equal_to<>>;
 
-  using FileNames = std::unordered_set<std::string>;
+  // The plain ".wav" files of the directory, listed once at start.
+  using Listing = std::shared_future<std::vector<std::string>>;
 
-  bool loadIndex(const std::string& path, const FileNames& wavFiles);
-  void adoptOrphans(const FileNames& wavFiles);
+  // Takes the entries of one index file whose files are listed; true when at
+  // least one was taken, and then `orphans` holds the files no entry claimed.
+  bool loadIndex(const std::string& path, const Listing& listing, std::vector<std::string>& orphans);
+  void adoptOrphans(std::vector<std::string> orphans);
   // The entry and its file's bytes; an unreadable file drops the entry.
   std::optional<std::pair<CacheEntry, Bytes>> fetch(const std::string& key, bool countUse);
   // Drops `key` when it still describes the file `seen` came from.

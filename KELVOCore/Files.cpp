@@ -1,6 +1,7 @@
 #include "KELVOCore/Files.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -32,19 +33,28 @@ bool writeAll(int fd, std::span<const std::uint8_t> data) {
 std::optional<std::vector<std::uint8_t>> readFile(const std::string& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
-  std::vector<std::uint8_t> out;
-  std::uint8_t chunk[65536];
+  // Sized from the file's length, so a cached clip or a large index is read
+  // straight into place instead of being regrown chunk by chunk; the one spare
+  // byte lets the read that finds the end come at once. Files that are longer
+  // than they said (or say 0, as /proc does) still grow.
+  struct stat st {};
+  const std::size_t expected =
+      ::fstat(fd, &st) == 0 && st.st_size > 0 ? static_cast<std::size_t>(st.st_size) + 1 : std::size_t{65536};
+  std::vector<std::uint8_t> out(expected);
+  std::size_t used = 0;
   for (;;) {
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (used == out.size()) out.resize(out.size() * 2);
+    const ssize_t n = ::read(fd, out.data() + used, out.size() - used);
     if (n < 0) {
       if (errno == EINTR) continue;
       ::close(fd);
       return std::nullopt;
     }
     if (n == 0) break;
-    out.insert(out.end(), chunk, chunk + n);
+    used += static_cast<std::size_t>(n);
   }
   ::close(fd);
+  out.resize(used);
   return out;
 }
 
