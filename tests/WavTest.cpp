@@ -256,6 +256,10 @@ TEST(WavTest, HeaderLookReadsLengthWithoutTheData) {
   EXPECT_FALSE(inspectWavHeader(riff({chunk("fmt ", fmtBody(1, 0, 8000, 16)), someData}), 100));
   EXPECT_FALSE(inspectWavHeader(riff({chunk("fmt ", fmtBody(1, 1, 8000, 0)), someData}), 100));
   EXPECT_FALSE(inspectWavHeader(riff({someData, chunk("fmt ", fmtBody(1, 1, 8000, 16))}), 100));
+  // 1 bit, 1 channel, 1 Hz: an absurd length is refused rather than overflowing.
+  const Bytes slow = riff({chunk("fmt ", fmtBody(1, 1, 1, 1)), chunk("data", {}, 0)});
+  EXPECT_EQ(inspectWavHeader(slow, 1000)->durationMs, std::lround((1000.0 - 44) * 8 * 1000));
+  EXPECT_FALSE(inspectWavHeader(slow, std::uint64_t{1} << 62));
 }
 
 TEST(WavTest, FileHelpersReadAndReplaceWholeFiles) {
@@ -268,6 +272,57 @@ TEST(WavTest, FileHelpersReadAndReplaceWholeFiles) {
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path() + "x/y"), {}), 1);  // no temp left
   // A parent that is a file cannot become a directory.
   EXPECT_TRUE(saveFileBytes(path + "/below", Bytes{1}));
+}
+
+Bytes fixture(const std::string& name) {
+  auto bytes = loadFileBytes(std::string(KELVO_FIXTURES_DIR) + "/" + name);
+  EXPECT_TRUE(bytes) << name;
+  return bytes ? *bytes : Bytes{};
+}
+
+// Files written by real tools (sox) and odd layouts built around their data
+// all read back as the same 16-bit reference.
+TEST(WavTest, FixturesInEveryLayoutReadAlike) {
+  const auto reference = parseWavWithFormat(fixture("wav-s16.wav"));
+  ASSERT_TRUE(reference);
+  const std::vector<float>& ref = reference->pcm.data;
+  ASSERT_EQ(ref.size(), 4800u);
+  EXPECT_EQ(reference->pcm.sampleRate, 16000);
+  for (const char* name : {"wav-s24.wav", "wav-s32.wav", "wav-f32.wav", "wav-ext-f32.wav", "wav-list-odd.wav",
+                           "wav-fmt-after-data.wav"}) {
+    const auto parsed = parseWavWithFormat(fixture(name));
+    ASSERT_TRUE(parsed) << name;
+    EXPECT_EQ(parsed->pcm.data, ref) << name;
+    EXPECT_EQ(parsed->pcm.sampleRate, 16000) << name;
+  }
+  const auto s24 = parseWavWithFormat(fixture("wav-s24.wav"));
+  EXPECT_EQ(s24->format.bitsPerSample, 24);
+  EXPECT_FALSE(s24->format.isFloat);
+  EXPECT_TRUE(parseWavWithFormat(fixture("wav-ext-f32.wav"))->format.isFloat);
+  EXPECT_TRUE(parseWavWithFormat(fixture("wav-f32.wav"))->format.isFloat);
+
+  // 8-bit keeps 7 bits of the sample (sox dithers on the way down).
+  const auto u8 = parseWav(fixture("wav-u8.wav"));
+  ASSERT_TRUE(u8);
+  ASSERT_EQ(u8->data.size(), ref.size());
+  for (std::size_t i = 0; i < ref.size(); ++i) ASSERT_NEAR(u8->data[i], ref[i], 2.0 / 128) << i;
+
+  // Left s, right -0.5 s: the mono mix is a quarter of s.
+  const auto stereo = parseWavWithFormat(fixture("wav-stereo.wav"));
+  ASSERT_TRUE(stereo);
+  EXPECT_EQ(stereo->format.channels, 2);
+  ASSERT_EQ(stereo->pcm.data.size(), ref.size());
+  for (std::size_t i = 0; i < ref.size(); ++i) ASSERT_NEAR(stereo->pcm.data[i], 0.25f * ref[i], 1.0 / 32768) << i;
+
+  // Cut mid-sample: the whole samples that are there.
+  const auto cut = parseWav(fixture("wav-truncated.wav"));
+  ASSERT_TRUE(cut);
+  ASSERT_EQ(cut->data.size(), ref.size() / 2);
+  EXPECT_TRUE(std::equal(cut->data.begin(), cut->data.end(), ref.begin()));
+  EXPECT_EQ(readWavHeader(std::string(KELVO_FIXTURES_DIR) + "/wav-truncated.wav")->durationMs,
+            std::lround((4845.0 - 44) / 32000 * 1000));
+
+  EXPECT_FALSE(parseWav(fixture("wav-12bit-sync.wav")));
 }
 
 // Writing NaN or an impossible channel count is a caller's bug, not bad input.
