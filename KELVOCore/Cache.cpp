@@ -180,6 +180,8 @@ void keepBackup(const std::string& index, const std::string& backup) {
   if (::link(index.c_str(), link.c_str()) == 0) {
     if (::rename(link.c_str(), backup.c_str()) == 0) return;
     ::unlink(link.c_str());
+  } else if (errno == ENOENT) {
+    return;  // no index yet, nothing to keep
   }
   if (auto bytes = readFile(index)) writeFileAtomic(backup, *bytes);
 }
@@ -491,7 +493,7 @@ void WavCache::saveIndex(bool force) {
   }
   const Bytes data = indexBytes(snapshot);
   const std::string index = dir_ + std::string(kIndexName);
-  if (fs::exists(index)) keepBackup(index, dir_ + std::string(kBackupName));
+  keepBackup(index, dir_ + std::string(kBackupName));
   const auto ec = writeFileAtomic(index, data);
   {
     std::lock_guard guard(lock_);

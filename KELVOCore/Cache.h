@@ -11,7 +11,7 @@
 // index is serialised; a second lock only keeps two index writes apart.
 // Cost: a hit is a hash lookup plus one file read; a store is one atomic file
 // write plus, at most once every 2 s, an index write of O(entries); start reads
-// the index and lists the directory once, O(entries + files).
+// the index while a second thread lists the directory, O(entries + files).
 #pragma once
 
 #include <atomic>
@@ -74,6 +74,7 @@ class WavCache {
   // "index.json.bak" when the main index is unusable, then adopts unknown WAV
   // files. `budgetBytes` below 1 means no limit. Never fails: a cache whose
   // files cannot be read starts empty.
+  // REQUIRES: `dir` is not empty (it would name the root directory).
   explicit WavCache(std::string dir = KELVOPaths::cacheDir(), std::int64_t budgetBytes = 0);
   // Writes the index once more when it has changes that were held back.
   ~WavCache();
@@ -82,7 +83,8 @@ class WavCache {
 
   // The cached line with `fromCache` set and `etag` = key, counting a hit and
   // marking it most recently used; absent (a miss) when unknown or disabled. An
-  // entry whose file is gone or has the wrong size is dropped with a warning.
+  // entry whose file is gone or has the wrong size is dropped with a warning,
+  // and a wrong-sized file is deleted.
   std::optional<TtsResult> tryGet(const std::string& key);
   // The entry's WAV bytes, without counting or touching its recency.
   std::optional<Bytes> readAudio(const std::string& key);

@@ -42,9 +42,10 @@ std::string keyOf(unsigned i) {
   return key;
 }
 
-bool logged(LogLevel level, const std::string& text) {
+// Whether the cache logged `text` at `level` (as the whole line, or its start).
+bool logged(LogLevel level, const std::string& text, bool wholeLine = true) {
   for (const auto& e : AppLog::snapshot()) {
-    if (e.source == "cache" && e.level == level && e.text == text) return true;
+    if (e.source == "cache" && e.level == level && (wholeLine ? e.text == text : e.text.starts_with(text))) return true;
   }
   return false;
 }
@@ -351,6 +352,24 @@ TEST(WavCacheTest, ThrottlesIndexWritesAndClears) {
   EXPECT_EQ(entriesIn(dir.path() + "index.json"), 0u);
   EXPECT_FALSE(fs::exists(dir.path() + "stray.wav"));
   EXPECT_TRUE(fs::exists(dir.path() + "notes.txt"));
+}
+
+// Folders where files should go make every write fail, for root as well.
+TEST(WavCacheTest, WriteFailuresAreLoggedAndTheCacheCarriesOn) {
+  TempDir dir;
+  fs::create_directories(dir.path() + "index.json");
+  fs::create_directories(dir.path() + "BLOCKED.wav");
+  AppLog::clear();
+  WavCache cache(dir.path());
+  cache.put("BLOCKED", line(300), "t");
+  EXPECT_FALSE(cache.contains("BLOCKED"));
+  EXPECT_TRUE(logged(LogLevel::warn, "cannot write cache to " + dir.path() + "BLOCKED.wav: ", false));
+
+  cache.put("K", line(300), "t");
+  EXPECT_TRUE(logged(LogLevel::warn, "cannot write cache index: ", false));
+  EXPECT_EQ(cache.stats().indexWrites, 0);
+  ASSERT_TRUE(cache.tryGet("K"));  // served from memory and its file all the same
+  EXPECT_TRUE(fs::is_directory(dir.path() + "index.json"));
 }
 
 // A crash in the middle of an index write must leave a whole index behind: the
