@@ -233,10 +233,12 @@ WavCache::WavCache(std::string dir, std::int64_t budgetBytes)
   fs::create_directories(dir_, ignored);
   // Listing a large directory is mostly kernel time and needs nothing from the
   // index, so it runs while the index is parsed. (Without a spare thread the
-  // default policy runs it on first use instead.)
+  // default policy runs it on first use instead.) Sorted like the index's keys,
+  // the lookups then meet the entries in the order they were allocated in.
   const Listing listing = std::async([dir = dir_] {
                             std::vector<std::string> names;
                             forEachWavFile(dir, [&names](std::string_view name) { names.emplace_back(name); });
+                            std::sort(names.begin(), names.end());
                             return names;
                           }).share();
   const std::string index = dir_ + std::string(kIndexName);
@@ -250,7 +252,7 @@ WavCache::WavCache(std::string dir, std::int64_t budgetBytes)
       orphans = listing.get();
     }
   }
-  adoptOrphans(std::move(orphans));
+  adoptOrphans(orphans);
   char line[64];
   std::snprintf(line, sizeof line, "cache loaded: %zu entries / %.1f MB from ", items_.size(),
                 static_cast<double>(bytes_) / 1048576.0);
@@ -320,9 +322,7 @@ bool WavCache::loadIndex(const std::string& path, const Listing& listing, std::v
   return true;
 }
 
-void WavCache::adoptOrphans(std::vector<std::string> orphans) {
-  // Sorted, so stamps (and with them eviction order) do not depend on readdir.
-  std::sort(orphans.begin(), orphans.end());
+void WavCache::adoptOrphans(const std::vector<std::string>& orphans) {
   std::size_t adopted = 0;
   for (const auto& name : orphans) {
     const std::string key = name.substr(0, name.size() - kWavSuffix.size());

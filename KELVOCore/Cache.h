@@ -120,13 +120,14 @@ class WavCache {
   };
   using Items = std::unordered_map<std::string, CacheEntry, KeyHash, std::equal_to<>>;
 
-  // The plain ".wav" files of the directory, listed once at start.
+  // The plain ".wav" files of the directory, listed once at start and sorted
+  // (so orphans get their stamps in name order, not in readdir's).
   using Listing = std::shared_future<std::vector<std::string>>;
 
   // Takes the entries of one index file whose files are listed; true when at
   // least one was taken, and then `orphans` holds the files no entry claimed.
   bool loadIndex(const std::string& path, const Listing& listing, std::vector<std::string>& orphans);
-  void adoptOrphans(std::vector<std::string> orphans);
+  void adoptOrphans(const std::vector<std::string>& orphans);
   // The entry and its file's bytes; an unreadable file drops the entry.
   std::optional<std::pair<CacheEntry, Bytes>> fetch(const std::string& key, bool countUse);
   // Drops `key` when it still describes the file `seen` came from.
