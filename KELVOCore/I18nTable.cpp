@@ -33,6 +33,16 @@ void addSelfTest(std::unordered_map<std::string, JaEn>& t) {
                                "this scenario is not available in this build yet"};
 }
 
+void addQueue(std::unordered_map<std::string, JaEn>& t) {
+  t["合成队列已满(%d 条在排),稍后再试"] = {"合成キューが満杯です(%d 件待ち)。しばらくしてから再試行してください",
+                                       "the synthesis queue is full (%d waiting); try again later"};
+  t["后端等了 %d ms 仍没有产出音频"] = {"バックエンドは %d ms 待っても音声を生成しませんでした",
+                                   "the backend produced no audio after %d ms"};
+  t["没有可用的引擎"] = {"使用できるエンジンがありません", "no engine available"};
+  t["服务正在关闭,这条请求被丢弃了"] = {"サービスを終了中のため、このリクエストは破棄されました",
+                                  "the service is shutting down; this request was dropped"};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -40,6 +50,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     std::unordered_map<std::string, JaEn> t;
     addCore(t);
     addSelfTest(t);
+    addQueue(t);
     return t;
   }();
   return table;
