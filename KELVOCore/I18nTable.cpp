@@ -33,6 +33,13 @@ void addSelfTest(std::unordered_map<std::string, JaEn>& t) {
                                "this scenario is not available in this build yet"};
 }
 
+void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
+  t["占位波形"] = {"プレースホルダー波形", "placeholder waveform"};
+  t["bin 里还没有模型;这是可听的假音频,只用来验证链路"] = {
+      "bin にまだモデルがありません;これは経路の確認だけに使う、聞こえる疑似音声です",
+      "no model under bin yet; this is audible fake audio, only to prove the pipeline works"};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -40,6 +47,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     std::unordered_map<std::string, JaEn> t;
     addCore(t);
     addSelfTest(t);
+    addPlaceholder(t);
     return t;
   }();
   return table;
