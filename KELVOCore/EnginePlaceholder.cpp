@@ -16,6 +16,7 @@
 #include <numeric>
 #include <utility>
 
+#include "KELVOCore/Dsp.h"
 #include "KELVOCore/I18n.h"
 
 namespace kelvo {
@@ -247,7 +248,8 @@ PcmBuffer PlaceholderEngine::synthesize(const S2Params& params, const VoiceHint&
     }
     p += n;
   }
-  return pcm;
+  // A sound cut off at either end of the buffer would click.
+  return fadeEdges(std::move(pcm), 10);
 }
 
 }  // namespace kelvo
