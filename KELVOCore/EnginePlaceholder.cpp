@@ -171,7 +171,7 @@ std::vector<Segment> placeholderSegments(std::string_view text) {
     } else if (single && c == U']') {
       inBrackets = false;
     } else if (inBrackets) {
-      continue;
+      continue;  // style tags such as "[calm]" are not spoken
     } else if (single && isPauseMark(c)) {
       segments.push_back(pauseOf(220));
     } else if (u_isUWhiteSpace(c)) {
