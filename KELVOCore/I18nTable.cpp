@@ -28,6 +28,25 @@ void addCore(std::unordered_map<std::string, JaEn>& t) {
   t["跟随系统"] = {"システムに従う", "Follow the system"};
 }
 
+void addAudio(std::unordered_map<std::string, JaEn>& t) {
+  // Why an Ogg reference clip was refused.
+  t["kelvo_audio.dll 不在程序旁边,无法解码 ogg - "] = {
+      "kelvo_audio.dll がアプリの隣にないため、ogg をデコードできません - ",
+      "kelvo_audio.dll is not next to the app, so ogg cannot be decoded - "};
+  t["引擎也不接受 ogg;请改用 WAV 或 MP3。"] = {"エンジンも ogg を受け付けません。WAV か MP3 を使ってください。",
+                                            "the engine does not accept ogg either; please use WAV or MP3."};
+  t["这不是 ogg 文件。"] = {"これは ogg ファイルではありません。", "this is not an ogg file."};
+  t["这是 .ogg 里的 Opus。Opus 和 Vorbis 是两种不同的编码,这里只支持 Vorbis;"] = {
+      "これは .ogg に入った Opus です。Opus と Vorbis は別のコーデックで、ここでは Vorbis のみ対応しています。",
+      "this is Opus inside .ogg. Opus and Vorbis are different codecs and only Vorbis is supported here;"};
+  t["请用其他工具转成 WAV / MP3 / Ogg Vorbis 后再试。"] = {
+      "別のツールで WAV / MP3 / Ogg Vorbis に変換してから、もう一度お試しください。",
+      "convert it to WAV / MP3 / Ogg Vorbis with another tool and try again."};
+  t["无法解码这个 ogg(文件可能不完整或已损坏)。"] = {
+      "この ogg をデコードできません(ファイルが途中で切れているか、壊れている可能性があります)。",
+      "cannot decode the ogg (the file may be truncated or corrupt)."};
+}
+
 void addSelfTest(std::unordered_map<std::string, JaEn>& t) {
   t["这个版本还没有这个场景"] = {"このビルドにはまだこのシナリオがありません",
                                "this scenario is not available in this build yet"};
@@ -39,6 +58,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
   static const auto table = [] {
     std::unordered_map<std::string, JaEn> t;
     addCore(t);
+    addAudio(t);
     addSelfTest(t);
     return t;
   }();

@@ -6,7 +6,8 @@ set -euo pipefail
 KELVO_PACKAGES=(
   cmake ninja-build g++ pkg-config
   libssl-dev libicu-dev nlohmann-json3-dev libfontconfig-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libmpg123-dev libstb-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libsoundtouch-dev
 )
 
 missing=()

@@ -1,0 +1,161 @@
+#include "KELVOCore/Dsp.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+#include <vector>
+
+#include "KELVOCore/Correlate.h"
+
+namespace kelvo {
+
+namespace {
+
+// Symmetric Hann window, zero at both ends: 50 % overlapped copies sum to
+// about 1, so overlap-add needs no gain correction.
+std::vector<float> makeHann(std::size_t n) {
+  if (n == 0) return {};
+  if (n == 1) return {1.0f};
+  std::vector<float> w(n);
+  const double scale = 2.0 * std::numbers::pi / static_cast<double>(n - 1);
+  for (std::size_t i = 0; i < n; ++i) w[i] = static_cast<float>((1.0 - std::cos(scale * static_cast<double>(i))) * 0.5);
+  return w;
+}
+
+// Linear interpolation at positions step × j (single precision); past the end
+// the last sample is held rather than padded with zeros.
+std::vector<float> interpolate(const std::vector<float>& x, std::size_t outLen, float step) {
+  if (x.empty() || outLen == 0) return {};
+  std::vector<float> y(outLen);
+  const std::size_t n = x.size();
+  for (std::size_t j = 0; j < outLen; ++j) {
+    const float p = step * static_cast<float>(j);
+    const auto i = static_cast<std::size_t>(p);
+    const float f = p - static_cast<float>(i);
+    y[j] = i + 1 < n ? (1.0f - f) * x[i] + f * x[i + 1] : x[n - 1];
+  }
+  return y;
+}
+
+std::size_t roundedLength(std::size_t count, double divisor) {
+  return static_cast<std::size_t>(std::llround(static_cast<double>(count) / divisor));
+}
+
+}  // namespace
+
+WsolaGeometry wsolaGeometry(std::int64_t sampleRate, float speed) {
+  WsolaGeometry g;
+  const double rate = static_cast<double>(sampleRate);
+  g.frame = std::max<std::int64_t>(std::llround(rate * 0.04), 128);
+  g.synthesisHop = g.frame / 2;
+  g.analysisHop = std::max<std::int64_t>(std::llround(speed * static_cast<float>(g.synthesisHop)), 1);
+  g.searchRadius = std::max<std::int64_t>(std::llround(rate * 0.008), 1);
+  return g;
+}
+
+PcmBuffer timeStretch(const PcmBuffer& pcm, float speed) {
+  speed = clampSpeed(speed);
+  if (pcm.data.empty() || pcm.sampleRate < 1 || std::fabs(speed - 1.0f) < 0.01f) return pcm;
+  const WsolaGeometry g = wsolaGeometry(pcm.sampleRate, speed);
+  const auto N = static_cast<std::size_t>(g.frame);
+  const auto Hs = static_cast<std::size_t>(g.synthesisHop);
+  const auto Ha = static_cast<std::size_t>(g.analysisHop);
+  const auto S = static_cast<std::size_t>(g.searchRadius);
+  const std::vector<float>& x = pcm.data;
+  const std::size_t count = x.size();
+  if (count < N + 2 * S) return changeSpeedByResample(pcm, speed);
+
+  const std::vector<float> window = makeHann(N);
+  const std::size_t L = roundedLength(count, speed) + N;
+  PcmBuffer result;
+  result.sampleRate = pcm.sampleRate;
+  std::vector<float>& out = result.data;
+  out.assign(L, 0.0f);
+  std::vector<float> corr(2 * S + 1);
+
+  std::size_t lastO = 0;
+  for (std::size_t o = 0, a = 0; a + N + S < count && o + N <= L; o += Hs, a += Ha) {
+    std::size_t b = a;
+    if (o > 0) {
+      // Candidates a-S..a+S that start inside the input; the loop condition
+      // keeps a+S+Hs inside it. Each is scored by its correlation with what
+      // the output already holds, normalised by the candidate's own energy.
+      const std::size_t lo = a > S ? a - S : 0;
+      const std::size_t lags = a + S - lo + 1;
+      correlateLags(x.data() + lo, out.data() + o, Hs, lags, corr.data());
+      // Energy slides along with the candidate. Squares of floats are exact
+      // in double, so the running sum barely drifts over a frame's candidates.
+      double energy = 0.0;
+      for (std::size_t i = 0; i < Hs; ++i) energy += static_cast<double>(x[lo + i]) * x[lo + i];
+      double best = -std::numeric_limits<double>::infinity();
+      for (std::size_t l = 0; l < lags; ++l) {
+        const double score = corr[l] / std::sqrt(1e-6 + energy);
+        if (score > best) {  // strictly: ties keep the earlier offset
+          best = score;
+          b = lo + l;
+        }
+        const double leaving = x[lo + l];
+        const double entering = x[lo + l + Hs];
+        energy += entering * entering - leaving * leaving;
+      }
+    }
+    const std::size_t span = std::min({N, count - b, L - o});
+    for (std::size_t i = 0; i < span; ++i) out[o + i] += x[b + i] * window[i];
+    lastO = o;
+  }
+  out.resize(std::min(L, lastO + Hs));
+  return result;
+}
+
+PcmBuffer changeSpeedByResample(const PcmBuffer& pcm, float speed) {
+  speed = clampSpeed(speed);
+  if (pcm.data.empty() || std::fabs(speed - 1.0f) < 0.001f) return pcm;
+  PcmBuffer out;
+  out.sampleRate = pcm.sampleRate;
+  out.data = interpolate(pcm.data, std::max<std::size_t>(roundedLength(pcm.data.size(), speed), 1), speed);
+  return out;
+}
+
+PcmBuffer changeSpeed(const PcmBuffer& pcm, TtsSpeedMode mode, float speed) {
+  return mode == TtsSpeedMode::localResample ? changeSpeedByResample(pcm, speed) : timeStretch(pcm, speed);
+}
+
+PcmBuffer resample(const PcmBuffer& pcm, std::int64_t to) {
+  if (pcm.sampleRate < 1 || to < 1 || pcm.sampleRate == to) return pcm;
+  PcmBuffer out;
+  out.sampleRate = to;
+  if (pcm.data.empty()) return out;
+  const float step = static_cast<float>(pcm.sampleRate) / static_cast<float>(to);
+  out.data = interpolate(pcm.data, std::max<std::size_t>(roundedLength(pcm.data.size(), step), 1), step);
+  return out;
+}
+
+PcmBuffer applyGain(PcmBuffer pcm, float gain) {
+  if (std::fabs(gain - 1.0f) < 0.001f) return pcm;
+  for (float& s : pcm.data) s *= gain;
+  return pcm;
+}
+
+PcmBuffer peakNormalize(PcmBuffer pcm, float targetPeak) {
+  float peak = 0.0f;
+  for (const float s : pcm.data) peak = std::max(peak, std::fabs(s));
+  if (pcm.data.empty() || peak < 1e-5f) return pcm;
+  return applyGain(std::move(pcm), targetPeak / peak);
+}
+
+PcmBuffer fadeEdges(PcmBuffer pcm, std::int64_t fadeMs) {
+  if (pcm.data.empty() || pcm.sampleRate < 1) return pcm;
+  const std::size_t count = pcm.data.size();
+  const double wanted = std::round(static_cast<double>(fadeMs) * static_cast<double>(pcm.sampleRate) / 1000.0);
+  const std::size_t n = wanted >= static_cast<double>(count / 2) ? count / 2 : static_cast<std::size_t>(std::max(wanted, 0.0));
+  if (n < 1) return pcm;
+  for (std::size_t i = 0; i < n; ++i) {
+    const float g = static_cast<float>(i) / static_cast<float>(n);
+    pcm.data[i] *= g;
+    pcm.data[count - 1 - i] *= g;
+  }
+  return pcm;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,203 @@
+#include "KELVOCore/AudioDecode.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "CKELVOAudio/kelvo_audio.h"
+#include "KELVOCore/I18n.h"
+#include "KELVOCore/Wav.h"
+
+namespace kelvo {
+namespace {
+
+Bytes fixture(const std::string& name) {
+  auto bytes = loadFileBytes(std::string(KELVO_FIXTURES_DIR) + "/" + name);
+  EXPECT_TRUE(bytes) << name;
+  return bytes ? *bytes : Bytes{};
+}
+
+double rms(const std::vector<float>& x) {
+  double sum = 0;
+  for (float v : x) sum += static_cast<double>(v) * v;
+  return x.empty() ? 0 : std::sqrt(sum / static_cast<double>(x.size()));
+}
+
+// Normalised correlation at lag 0: decoders that trim their codec delay give
+// audio aligned with the source.
+double similarity(const std::vector<float>& a, const std::vector<float>& b) {
+  const std::size_t n = std::min(a.size(), b.size());
+  double ab = 0, aa = 0, bb = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    ab += static_cast<double>(a[i]) * b[i];
+    aa += static_cast<double>(a[i]) * a[i];
+    bb += static_cast<double>(b[i]) * b[i];
+  }
+  return aa > 0 && bb > 0 ? ab / std::sqrt(aa * bb) : 0;
+}
+
+class ScopedUiLang {
+ public:
+  explicit ScopedUiLang(UiLang lang) : old_(uiLang()) { setUiLang(lang); }
+  ~ScopedUiLang() { setUiLang(old_); }
+  ScopedUiLang(const ScopedUiLang&) = delete;
+  ScopedUiLang& operator=(const ScopedUiLang&) = delete;
+
+ private:
+  UiLang old_;
+};
+
+TEST(AudioDecodeTest, SniffsFormatsFromBytesAlone) {
+  const Bytes wav = fixture("speech.wav");
+  const Bytes mp3 = fixture("speech-mono.mp3");
+  const Bytes ogg = fixture("speech.ogg");
+  EXPECT_EQ(sniffExtension(wav), ".wav");
+  EXPECT_EQ(sniffExtension(mp3), ".mp3");
+  EXPECT_EQ(sniffExtension(ogg), ".ogg");
+  EXPECT_EQ(sniffExtension(fixture("speech.opus")), ".ogg");
+  EXPECT_EQ(sniffExtension(Bytes{'R', 'I', 'F'}), "");
+  EXPECT_EQ(sniffExtension(Bytes{0xFF, 0xFB, 0x90}), "");  // a sync, but only three bytes
+  EXPECT_EQ(sniffExtension(Bytes(64, 0)), "");
+  EXPECT_EQ(sniffExtension(Bytes{'I', 'D', '3', 4}), ".mp3");
+  EXPECT_TRUE(looksLikeWav(Bytes{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'A', 'V', 'I', ' '}));  // WAVE is checked later
+  EXPECT_FALSE(looksLikeWav(Bytes{'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V'}));
+
+  // A sync past the first 8 KB does not count.
+  Bytes lateSync(9000, 0);
+  lateSync[8191] = 0xFF;
+  lateSync[8192] = 0xFA;
+  EXPECT_FALSE(looksLikeMp3(lateSync));
+  lateSync[8190] = 0xFF;
+  lateSync[8191] = 0xE0;
+  EXPECT_TRUE(looksLikeMp3(lateSync));
+
+  // The engine reads WAV and MP3, but never Ogg, even with a sync inside.
+  Bytes oggWithSync = {'O', 'g', 'g', 'S', 0xFF, 0xF3, 0, 0};
+  EXPECT_TRUE(looksLikeMp3(oggWithSync));
+  EXPECT_FALSE(engineReadsFormat(oggWithSync));
+  EXPECT_FALSE(engineReadsFormat(ogg));
+  EXPECT_TRUE(engineReadsFormat(wav));
+  EXPECT_TRUE(engineReadsFormat(mp3));
+  EXPECT_TRUE(audioDecoderAvailable());
+}
+
+TEST(AudioDecodeTest, DecodesMp3ToMonoAtItsRate) {
+  const PcmBuffer reference = *parseWav(fixture("speech.wav"));
+  const auto mono = decodeMp3(fixture("speech-mono.mp3"));
+  ASSERT_TRUE(mono);
+  EXPECT_EQ(mono->sampleRate, 16000);
+  // The LAME tag tells the decoder how much codec delay and padding to drop.
+  EXPECT_EQ(mono->data.size(), reference.data.size());
+  EXPECT_GT(similarity(mono->data, reference.data), 0.8);
+
+  // Speech left, silence right: the average of the two is the speech at half level.
+  const auto left = decodeMp3(fixture("speech-left.mp3"));
+  ASSERT_TRUE(left);
+  EXPECT_EQ(left->sampleRate, 16000);
+  EXPECT_EQ(left->data.size(), reference.data.size());
+  EXPECT_GT(similarity(left->data, reference.data), 0.8);
+  EXPECT_NEAR(rms(left->data) / rms(reference.data), 0.5, 0.05);
+
+  EXPECT_EQ(decodeReference(fixture("speech-mono.mp3"))->data, mono->data);
+  EXPECT_FALSE(decodeMp3(Bytes{}));
+  EXPECT_FALSE(decodeMp3(Bytes(4096, 0xFF)));
+}
+
+TEST(AudioDecodeTest, DecodesOggVorbisAndRefusesOpus) {
+  const PcmBuffer reference = *parseWav(fixture("speech.wav"));
+  const Bytes ogg = fixture("speech.ogg");
+  const OggDecode mono = decodeOgg(ogg);
+  ASSERT_EQ(mono.result, OggResult::ok);
+  ASSERT_TRUE(mono.pcm);
+  EXPECT_EQ(mono.pcm->sampleRate, 16000);
+  EXPECT_EQ(mono.pcm->data.size(), reference.data.size());
+  EXPECT_GT(similarity(mono.pcm->data, reference.data), 0.8);
+  EXPECT_EQ(decodeReference(ogg)->data, mono.pcm->data);
+
+  const OggDecode left = decodeOgg(fixture("speech-left.ogg"));
+  ASSERT_EQ(left.result, OggResult::ok);
+  EXPECT_NEAR(rms(left.pcm->data) / rms(reference.data), 0.5, 0.05);
+
+  const Bytes opus = fixture("speech.opus");
+  const OggDecode refused = decodeOgg(opus);
+  EXPECT_EQ(refused.result, OggResult::opus);
+  EXPECT_FALSE(refused.pcm);
+  EXPECT_FALSE(decodeReference(opus));
+
+  EXPECT_EQ(decodeOgg(Bytes{}).result, OggResult::failed);
+  EXPECT_EQ(decodeOgg(fixture("speech.wav")).result, OggResult::notVorbis);
+  EXPECT_EQ(decodeOgg(Bytes(ogg.begin(), ogg.begin() + 300)).result, OggResult::failed);
+  Bytes garbage(2000, 0x5A);
+  std::copy_n("OggS", 4, garbage.begin());
+  EXPECT_EQ(decodeOgg(garbage).result, OggResult::failed);
+  EXPECT_FALSE(decodeReference(garbage));
+}
+
+TEST(AudioDecodeTest, ReferenceDecodingFallsThroughTheFormats) {
+  const Bytes wav = fixture("speech.wav");
+  EXPECT_EQ(decodeReference(wav)->data, parseWav(wav)->data);
+  // 12-bit WAV is refused by the parser, tried as MP3 for its sync bytes, and refused there.
+  const Bytes odd = fixture("wav-12bit-sync.wav");
+  EXPECT_FALSE(parseWav(odd));
+  EXPECT_TRUE(looksLikeMp3(odd));
+  EXPECT_FALSE(decodeReference(odd));
+  EXPECT_FALSE(decodeReference(Bytes{}));
+  EXPECT_FALSE(decodeReference(Bytes{1, 2, 3}));
+  EXPECT_FALSE(decodeReference(Bytes(100, 'A')));
+}
+
+TEST(AudioDecodeTest, CInterfaceRejectsBadArguments) {
+  const Bytes ogg = fixture("speech.ogg");
+  float* samples = nullptr;
+  std::uint64_t frames = 0;
+  std::uint32_t rate = 0;
+  for (auto decode : {kelvo_mp3_decode, kelvo_ogg_decode}) {
+    EXPECT_EQ(decode(nullptr, 10, &samples, &frames, &rate), 0);
+    EXPECT_EQ(decode(ogg.data(), 0, &samples, &frames, &rate), 0);
+    EXPECT_EQ(decode(ogg.data(), ogg.size(), nullptr, &frames, &rate), 0);
+    EXPECT_EQ(decode(ogg.data(), ogg.size(), &samples, nullptr, &rate), 0);
+    EXPECT_EQ(decode(ogg.data(), ogg.size(), &samples, &frames, nullptr), 0);
+  }
+  // The length is refused before a byte is read.
+  EXPECT_EQ(kelvo_ogg_decode(ogg.data(), std::uint64_t{1} << 31, &samples, &frames, &rate), 0);
+  // "OpusHead" counts only within the first 512 bytes.
+  Bytes early(600, 0), late(600, 0);
+  std::copy_n("OpusHead", 8, early.begin() + 504);
+  std::copy_n("OpusHead", 8, late.begin() + 505);
+  EXPECT_EQ(kelvo_ogg_decode(early.data(), early.size(), &samples, &frames, &rate), KELVO_AUDIO_OPUS);
+  EXPECT_EQ(kelvo_ogg_decode(late.data(), late.size(), &samples, &frames, &rate), 0);
+  ASSERT_EQ(kelvo_ogg_decode(ogg.data(), ogg.size(), &samples, &frames, &rate), 1);
+  EXPECT_EQ(rate, 16000u);
+  EXPECT_GT(frames, 0u);
+  kelvo_audio_free(samples);
+  kelvo_audio_free(nullptr);
+}
+
+TEST(AudioDecodeTest, OggReasonsInEveryLanguage) {
+  {
+    ScopedUiLang en(UiLang::en);
+    EXPECT_EQ(oggResultText(OggResult::ok), "");
+    EXPECT_EQ(oggResultText(OggResult::noDecoder),
+              "kelvo_audio.dll is not next to the app, so ogg cannot be decoded - "
+              "the engine does not accept ogg either; please use WAV or MP3.");
+    EXPECT_EQ(oggResultText(OggResult::notVorbis), "this is not an ogg file.");
+    EXPECT_EQ(oggResultText(OggResult::opus),
+              "this is Opus inside .ogg. Opus and Vorbis are different codecs and only Vorbis is supported here;"
+              "convert it to WAV / MP3 / Ogg Vorbis with another tool and try again.");
+    EXPECT_EQ(oggResultText(OggResult::failed), "cannot decode the ogg (the file may be truncated or corrupt).");
+  }
+  for (const UiLang lang : {UiLang::zh, UiLang::ja}) {
+    ScopedUiLang scoped(lang);
+    for (const OggResult r : {OggResult::noDecoder, OggResult::notVorbis, OggResult::opus, OggResult::failed}) {
+      const std::string text = oggResultText(r);
+      setUiLang(UiLang::en);
+      EXPECT_NE(text, oggResultText(r)) << static_cast<int>(lang) << " " << static_cast<int>(r);
+      setUiLang(lang);
+    }
+  }
+  ScopedUiLang ja(UiLang::ja);
+  EXPECT_EQ(oggResultText(OggResult::notVorbis), "これは ogg ファイルではありません。");
+}
+
+}  // namespace
+}  // namespace kelvo

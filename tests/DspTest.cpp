@@ -1,0 +1,198 @@
+#include "KELVOCore/Dsp.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+
+namespace kelvo {
+namespace {
+
+PcmBuffer sine(std::int64_t rate, double hz, std::size_t count, float amplitude = 0.5f) {
+  PcmBuffer pcm;
+  pcm.sampleRate = rate;
+  pcm.data.resize(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    pcm.data[i] = amplitude * static_cast<float>(std::sin(2 * std::numbers::pi * hz * static_cast<double>(i) / rate));
+  }
+  return pcm;
+}
+
+PcmBuffer ramp(std::int64_t rate, std::size_t count) {
+  PcmBuffer pcm;
+  pcm.sampleRate = rate;
+  for (std::size_t i = 0; i < count; ++i) pcm.data.push_back(static_cast<float>(i));
+  return pcm;
+}
+
+// Frequency from rising zero crossings over the middle of the buffer, away
+// from the edges where the first and last frames are only half overlapped.
+double pitchHz(const PcmBuffer& pcm) {
+  const std::size_t from = pcm.data.size() / 8;
+  const std::size_t to = pcm.data.size() - from;
+  std::size_t first = 0, last = 0, crossings = 0;
+  for (std::size_t i = from + 1; i < to; ++i) {
+    if (pcm.data[i - 1] < 0 && pcm.data[i] >= 0) {
+      if (crossings == 0) first = i;
+      last = i;
+      ++crossings;
+    }
+  }
+  if (crossings < 2) return 0;
+  return static_cast<double>(crossings - 1) * static_cast<double>(pcm.sampleRate) / static_cast<double>(last - first);
+}
+
+double rmsOfMiddle(const PcmBuffer& pcm) {
+  const std::size_t from = pcm.data.size() / 8;
+  const std::size_t to = pcm.data.size() - from;
+  double sum = 0;
+  for (std::size_t i = from; i < to; ++i) sum += static_cast<double>(pcm.data[i]) * pcm.data[i];
+  return std::sqrt(sum / static_cast<double>(to - from));
+}
+
+TEST(DspTest, WsolaSizesFollowTheRate) {
+  const WsolaGeometry cd = wsolaGeometry(44100, 1.6f);
+  EXPECT_EQ(cd.frame, 1764);
+  EXPECT_EQ(cd.synthesisHop, 882);
+  EXPECT_EQ(cd.searchRadius, 353);
+  EXPECT_EQ(cd.analysisHop, 1411);
+  EXPECT_EQ(wsolaGeometry(44100, 0.7f).analysisHop, 617);
+  const WsolaGeometry phone = wsolaGeometry(8000, 0.5f);
+  EXPECT_EQ(phone.frame, 320);
+  EXPECT_EQ(phone.synthesisHop, 160);
+  EXPECT_EQ(phone.searchRadius, 64);
+  EXPECT_EQ(phone.analysisHop, 80);
+  const WsolaGeometry low = wsolaGeometry(2000, 2.0f);
+  EXPECT_EQ(low.frame, 128);
+  EXPECT_EQ(low.synthesisHop, 64);
+  EXPECT_EQ(low.searchRadius, 16);
+  EXPECT_EQ(wsolaGeometry(1, 1.0f).searchRadius, 1);
+}
+
+TEST(DspTest, TimeStretchKeepsPitchAndHitsTheLength) {
+  const PcmBuffer tone = sine(44100, 220.0, 44100 * 2);
+  for (const float speed : {0.7f, 1.6f, 0.5f, 2.0f}) {
+    const PcmBuffer out = timeStretch(tone, speed);
+    SCOPED_TRACE(speed);
+    EXPECT_EQ(out.sampleRate, 44100);
+    const double expected = static_cast<double>(tone.data.size()) / speed;
+    EXPECT_LT(std::fabs(static_cast<double>(out.data.size()) - expected) / expected, 0.05);
+    EXPECT_NEAR(pitchHz(out), 220.0, 2.0);
+    // The search lines the frames up in phase: misaligned frames would
+    // cancel and pull the level well below that of the tone.
+    EXPECT_NEAR(rmsOfMiddle(out), 0.5 / std::sqrt(2.0), 0.04);
+  }
+  // The same at telephone rate, where the frame is 320 samples.
+  const PcmBuffer phone = timeStretch(sine(8000, 300.0, 16000), 0.7f);
+  EXPECT_LT(std::fabs(static_cast<double>(phone.data.size()) - 16000 / 0.7) / (16000 / 0.7), 0.05);
+  EXPECT_NEAR(pitchHz(phone), 300.0, 3.0);
+}
+
+TEST(DspTest, TimeStretchLeavesNearUnitySpeedAndOddInputAlone) {
+  const PcmBuffer tone = sine(44100, 220.0, 10000);
+  EXPECT_EQ(timeStretch(tone, 1.005f).data, tone.data);
+  EXPECT_EQ(timeStretch(tone, 1.0f).data, tone.data);
+  EXPECT_EQ(timeStretch(tone, 0.0f).data, tone.data);
+  EXPECT_EQ(timeStretch(tone, std::nanf("")).data, tone.data);
+  EXPECT_EQ(timeStretch(tone, -3.0f).data, tone.data);
+  PcmBuffer noRate = tone;
+  noRate.sampleRate = 0;
+  EXPECT_EQ(timeStretch(noRate, 1.5f).data, tone.data);
+  EXPECT_TRUE(timeStretch(PcmBuffer{{}, 44100}, 1.5f).isEmpty());
+  // Too short for a frame plus the search span: resampled, pitch and all.
+  const PcmBuffer shortClip = sine(44100, 220.0, 2000);
+  const PcmBuffer fast = timeStretch(shortClip, 2.0f);
+  EXPECT_EQ(fast.data.size(), 1000u);
+  EXPECT_EQ(fast.data, changeSpeedByResample(shortClip, 2.0f).data);
+  // Speeds beyond the range are clamped to it.
+  EXPECT_EQ(timeStretch(tone, 9.0f).data.size(), timeStretch(tone, 2.0f).data.size());
+  // The mode picks the method.
+  const PcmBuffer longTone = sine(44100, 220.0, 44100);
+  EXPECT_EQ(changeSpeed(longTone, TtsSpeedMode::localResample, 1.5f).data,
+            changeSpeedByResample(longTone, 1.5f).data);
+  EXPECT_EQ(changeSpeed(longTone, TtsSpeedMode::localStretch, 1.5f).data, timeStretch(longTone, 1.5f).data);
+  EXPECT_EQ(changeSpeed(longTone, TtsSpeedMode::engine, 1.5f).data, timeStretch(longTone, 1.5f).data);
+}
+
+TEST(DspTest, ResampleInterpolatesAndHoldsTheTail) {
+  const PcmBuffer up = resample(ramp(24000, 100), 48000);
+  EXPECT_EQ(up.sampleRate, 48000);
+  ASSERT_EQ(up.data.size(), 200u);
+  EXPECT_FLOAT_EQ(up.data[1], 0.5f);
+  EXPECT_FLOAT_EQ(up.data[197], 98.5f);
+  EXPECT_FLOAT_EQ(up.data[199], 99.0f);  // held, not faded to zero
+
+  const PcmBuffer down = resample(ramp(48000, 101), 24000);
+  ASSERT_EQ(down.data.size(), 51u);  // round(50.5) away from zero
+  EXPECT_FLOAT_EQ(down.data[10], 20.0f);
+  EXPECT_FLOAT_EQ(down.data[50], 100.0f);
+
+  const std::size_t cd = resample(sine(24000, 200, 24000), 44100).data.size();
+  EXPECT_EQ(cd, 44100u);
+  EXPECT_EQ(resample(ramp(24000, 1), 8000).data.size(), 1u);  // never empty
+
+  const PcmBuffer same = ramp(24000, 10);
+  EXPECT_EQ(resample(same, 24000).data, same.data);
+  EXPECT_EQ(resample(same, 0).sampleRate, 24000);
+  PcmBuffer noRate = same;
+  noRate.sampleRate = 0;
+  EXPECT_EQ(resample(noRate, 44100).sampleRate, 0);
+  const PcmBuffer empty = resample(PcmBuffer{{}, 24000}, 44100);
+  EXPECT_TRUE(empty.isEmpty());
+  EXPECT_EQ(empty.sampleRate, 44100);
+}
+
+TEST(DspTest, SpeedByResampleShiftsPitch) {
+  const PcmBuffer tone = sine(16000, 200.0, 16000);
+  const PcmBuffer fast = changeSpeedByResample(tone, 2.0f);
+  EXPECT_EQ(fast.sampleRate, 16000);
+  EXPECT_EQ(fast.data.size(), 8000u);
+  EXPECT_NEAR(pitchHz(fast), 400.0, 4.0);
+  EXPECT_EQ(changeSpeedByResample(tone, 0.5f).data.size(), 32000u);
+  EXPECT_EQ(changeSpeedByResample(tone, 4.0f).data.size(), 8000u);
+  EXPECT_EQ(changeSpeedByResample(tone, 1.0005f).data, tone.data);
+  EXPECT_EQ(changeSpeedByResample(tone, std::nanf("")).data, tone.data);
+  EXPECT_EQ(changeSpeedByResample(ramp(16000, 1), 2.0f).data.size(), 1u);
+}
+
+TEST(DspTest, GainAndPeakNormalisation) {
+  PcmBuffer pcm{{0.2f, -0.8f, 0.4f}, 8000};
+  EXPECT_EQ(applyGain(pcm, 1.0005f).data, pcm.data);
+  EXPECT_EQ(applyGain(pcm, 2.0f).data, (std::vector<float>{0.4f, -1.6f, 0.8f}));  // no clipping
+  const PcmBuffer loud = peakNormalize(pcm, 0.95f);
+  EXPECT_FLOAT_EQ(loud.data[1], -0.95f);
+  EXPECT_FLOAT_EQ(loud.data[0], 0.2f * 0.95f / 0.8f);
+  const PcmBuffer hush{{0.0f, 5e-6f, -9e-6f}, 8000};
+  EXPECT_EQ(peakNormalize(hush, 0.95f).data, hush.data);
+  EXPECT_TRUE(peakNormalize(PcmBuffer{}, 0.95f).isEmpty());
+}
+
+TEST(DspTest, FadesAreLinearAndCappedAtHalf) {
+  PcmBuffer ones{std::vector<float>(100, 1.0f), 44100};
+  const PcmBuffer capped = fadeEdges(ones, 10);  // 441 wanted, 50 allowed
+  EXPECT_EQ(capped.data[0], 0.0f);
+  EXPECT_EQ(capped.data[99], 0.0f);
+  EXPECT_FLOAT_EQ(capped.data[25], 0.5f);
+  EXPECT_FLOAT_EQ(capped.data[74], 0.5f);
+  EXPECT_FLOAT_EQ(capped.data[49], 49.0f / 50);
+  EXPECT_FLOAT_EQ(capped.data[50], 49.0f / 50);
+
+  PcmBuffer second{std::vector<float>(1000, 1.0f), 1000};
+  const PcmBuffer faded = fadeEdges(second, 10);
+  EXPECT_FLOAT_EQ(faded.data[5], 0.5f);
+  EXPECT_EQ(faded.data[10], 1.0f);
+  EXPECT_EQ(faded.data[989], 1.0f);
+  EXPECT_FLOAT_EQ(faded.data[994], 0.5f);
+
+  EXPECT_EQ(fadeEdges(second, 0).data, second.data);
+  EXPECT_EQ(fadeEdges(second, -5).data, second.data);
+  EXPECT_FLOAT_EQ(fadeEdges(second, std::numeric_limits<std::int64_t>::max()).data[250], 0.5f);
+  PcmBuffer noRate = second;
+  noRate.sampleRate = 0;
+  EXPECT_EQ(fadeEdges(noRate, 10).data, second.data);
+  const PcmBuffer single{{0.7f}, 44100};
+  EXPECT_EQ(fadeEdges(single, 10).data, single.data);
+}
+
+}  // namespace
+}  // namespace kelvo
