@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "KELVOCore/Files.h"
@@ -15,28 +14,10 @@ namespace {
 
 using test::TempDir;
 
-std::string fileText(const std::string& path) {
-  const auto bytes = readFile(path);
-  return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
-}
-
-void writeText(const std::string& path, std::string_view text) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  std::ofstream(path, std::ios::binary) << text;
-}
-
-bool logged(LogLevel level, std::string_view text) {
-  for (const auto& e : AppLog::snapshot()) {
-    if (e.source == "config" && e.level == level && e.text == text) return true;
-  }
-  return false;
-}
+bool logged(LogLevel level, std::string_view text) { return test::loggedLine("config", level, text) == text; }
 
 bool loggedPrefix(LogLevel level, std::string_view prefix) {
-  for (const auto& e : AppLog::snapshot()) {
-    if (e.source == "config" && e.level == level && e.text.starts_with(prefix)) return true;
-  }
-  return false;
+  return test::loggedLine("config", level, prefix).has_value();
 }
 
 class ConfigFile : public ::testing::Test {
@@ -44,7 +25,7 @@ class ConfigFile : public ::testing::Test {
   void SetUp() override { AppLog::clear(); }
   // Loads `json` from a fresh file into `config`.
   void loadJson(AppConfig& config, std::string_view json) {
-    writeText(path, json);
+    test::writeTextFile(path, json);
     config.load();
   }
   TempDir dir;
@@ -55,7 +36,7 @@ TEST_F(ConfigFile, MissingFileIsWrittenWithEveryDefaultAndReloadsUnchanged) {
   AppConfig config(path);
   config.load();
   EXPECT_TRUE(logged(LogLevel::info, "no config file; using defaults and writing one: " + path));
-  const std::string written = fileText(path);
+  const std::string written = test::readTextFile(path);
   const auto root = parseJsonObject(written);
   ASSERT_TRUE(root);
   // Pretty-printed with sorted keys is exactly what a sorted pretty dump gives back.
@@ -82,9 +63,9 @@ TEST_F(ConfigFile, MissingFileIsWrittenWithEveryDefaultAndReloadsUnchanged) {
   EXPECT_TRUE(logged(LogLevel::info, "config loaded: " + path));
   EXPECT_FALSE(loggedPrefix(LogLevel::info, "raised"));
   EXPECT_FALSE(loggedPrefix(LogLevel::info, "engine timeout"));
-  EXPECT_EQ(fileText(path), written);
+  EXPECT_EQ(test::readTextFile(path), written);
   second.save();
-  EXPECT_EQ(fileText(path), written);
+  EXPECT_EQ(test::readTextFile(path), written);
 }
 
 TEST_F(ConfigFile, NumbersAreClampedAndEnumsFallBack) {
@@ -146,7 +127,7 @@ TEST_F(ConfigFile, OldTimeoutsAreMigratedAndTheFileRewritten) {
   EXPECT_EQ(legacy.requestTimeoutMs(), 600000);
   EXPECT_EQ(legacy.engine().timeoutMs, 900000);
   EXPECT_TRUE(loggedPrefix(LogLevel::info, "raised the old 180 s timeouts to 600 s / 900 s — on Apple silicon"));
-  auto rewritten = parseJsonObject(fileText(path));
+  auto rewritten = parseJsonObject(test::readTextFile(path));
   ASSERT_TRUE(rewritten);
   EXPECT_EQ((*rewritten)["synthesis"]["timeoutMs"], 600000);
   EXPECT_EQ((*rewritten)["engine"]["timeoutMs"], 900000);
@@ -159,7 +140,7 @@ TEST_F(ConfigFile, OldTimeoutsAreMigratedAndTheFileRewritten) {
                      "engine timeout 900000 ms was shorter than the synthesis timeout 1800000 ms; raised it to "
                      "1860000 ms — a shorter one cuts the HTTP request off while s2 keeps going, and every request "
                      "after that gets a 503"));
-  rewritten = parseJsonObject(fileText(path));
+  rewritten = parseJsonObject(test::readTextFile(path));
   ASSERT_TRUE(rewritten);
   EXPECT_EQ((*rewritten)["engine"]["timeoutMs"], 1860000);
 
@@ -173,7 +154,7 @@ TEST_F(ConfigFile, OldTimeoutsAreMigratedAndTheFileRewritten) {
   AppConfig fine(path);
   loadJson(fine, untouched);
   EXPECT_EQ(fine.engine().timeoutMs, 160000);
-  EXPECT_EQ(fileText(path), untouched);
+  EXPECT_EQ(test::readTextFile(path), untouched);
 }
 
 TEST_F(ConfigFile, BadFilesAreLeftAloneAndTheSettingsKept) {
@@ -184,7 +165,7 @@ TEST_F(ConfigFile, BadFilesAreLeftAloneAndTheSettingsKept) {
     config.setPort(4242);
     loadJson(config, text);
     EXPECT_EQ(config.port(), 4242);
-    EXPECT_EQ(fileText(path), text);
+    EXPECT_EQ(test::readTextFile(path), text);
     EXPECT_TRUE(logged(LogLevel::warn, "config is not valid JSON; using defaults"));
   }
 
@@ -327,57 +308,29 @@ TEST(ConfigStores, BaseUrl) {
   EXPECT_EQ(config.baseUrl(), "http://192.168.1.5:8080");
 }
 
-TEST_F(ConfigFile, EverySettingSurvivesSaveAndLoad) {
+TEST_F(ConfigFile, EverySettingSurvivesLoadAndSave) {
+  // No value here is a default, so a key that loading or saving misses shows up.
+  const Json original = Json::parse(R"({
+    "airlineVoices": {"UAL:en:female": "v-a"}, "defaultVoices": {"zh:male": "v-b"}, "version": "0.3.26220",
+    "cache": {"budgetMB": 512, "enabled": false},
+    "engine": {"compute": "cpu", "extraArgs": "--a --b", "gpuLayers": 12, "maxNewTokens": 2048,
+               "modelFile": "m.gguf", "packageBaseUrl": "http://mirror/x", "repetitionPenalty": 1.25,
+               "temperature": 0.75, "threads": 6, "timeoutMs": 95000, "topK": 7, "topP": 0.5, "useMirror": false},
+    "hub": {"shares": [{"deleteKey": "k", "id": "s", "title": "t"}], "userId": "crew/7"},
+    "server": {"autoStart": false, "bind": "127.0.0.1", "launchAtLogin": true, "minimizeToTray": false,
+               "port": 8081, "rateLimitPerMinute": 30, "showAdvanced": true, "uiLanguage": "ja"},
+    "synthesis": {"autoDefaultVoice": false, "maxTextLength": 700, "normalizeOutput": true,
+                  "outputSampleRate": 24000, "queueLimit": 9, "speedMode": "resample", "timeoutMs": 30000}})");
+  test::writeTextFile(path, jsonString(original, true));
   AppConfig config(path);
-  config.setPort(8081);
-  config.setBindAddress("127.0.0.1");
-  config.setRateLimitPerMinute(30);
-  config.setAutoStartServer(false);
-  config.setMinimizeToTray(false);
-  config.setUiLanguage(UiLang::ja);
-  config.setShowAdvanced(true);
-  config.setLaunchAtLogin(true);
-  config.setHubUserId("crew/7");
-  config.setMaxTextLength(700);
-  config.setQueueLimit(9);
-  config.setRequestTimeoutMs(30000);
-  config.setSpeedMode(TtsSpeedMode::localResample);
-  config.setOutputSampleRate(24000);
-  config.setNormalizeOutput(true);
-  config.setAutoCreateDefaultVoice(false);
-  config.setCacheEnabled(false);
-  config.setCacheBudgetMB(512);
-  EngineOptions engine;
-  engine.compute = ComputeBackend::cpu;
-  engine.temperature = 0.7f;
-  engine.extraArgs = "--a --b";
-  config.setEngine(engine);
+  config.load();
+  EXPECT_EQ(config.uiLanguage(), UiLang::ja);
+  EXPECT_EQ(config.speedMode(), TtsSpeedMode::localResample);
+  test::writeTextFile(path, "{}");
   config.save();
-  EXPECT_NE(fileText(path).find("\"crew/7\""), std::string::npos);  // slashes unescaped
-
-  AppConfig back(path);
-  back.load();
-  EXPECT_EQ(back.port(), 8081);
-  EXPECT_EQ(back.bindAddress(), "127.0.0.1");
-  EXPECT_EQ(back.rateLimitPerMinute(), 30);
-  EXPECT_FALSE(back.autoStartServer());
-  EXPECT_FALSE(back.minimizeToTray());
-  EXPECT_EQ(back.uiLanguage(), UiLang::ja);
-  EXPECT_TRUE(back.showAdvanced());
-  EXPECT_TRUE(back.launchAtLogin());
-  EXPECT_EQ(back.hubUserId(), "crew/7");
-  EXPECT_EQ(back.maxTextLength(), 700);
-  EXPECT_EQ(back.queueLimit(), 9);
-  EXPECT_EQ(back.requestTimeoutMs(), 30000);
-  EXPECT_EQ(back.speedMode(), TtsSpeedMode::localResample);
-  EXPECT_EQ(back.outputSampleRate(), 24000);
-  EXPECT_TRUE(back.normalizeOutput());
-  EXPECT_FALSE(back.autoCreateDefaultVoice());
-  EXPECT_FALSE(back.cacheEnabled());
-  EXPECT_EQ(back.cacheBudgetMB(), 512);
-  EXPECT_EQ(back.engine().compute, ComputeBackend::cpu);
-  EXPECT_EQ(back.engine().temperature, 0.7f);
-  EXPECT_EQ(back.engine().extraArgs, "--a --b");
+  const std::string saved = test::readTextFile(path);
+  EXPECT_EQ(parseJsonObject(saved), original);
+  EXPECT_NE(saved.find("\"crew/7\""), std::string::npos);  // slashes unescaped
 }
 
 TEST_F(ConfigFile, ConcurrentReadersWritersAndSaves) {
