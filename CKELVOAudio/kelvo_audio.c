@@ -1,4 +1,5 @@
 #include "CKELVOAudio/kelvo_audio.h"
+#include "CKELVOAudio/vorbis_guard.h"
 
 #include <mpg123.h>
 #include <stdlib.h>
@@ -11,10 +12,11 @@
 /* MP3 input goes to the decoder in pieces, so it never holds a second copy
  * of a large file. */
 #define MP3_FEED_BYTES 16384
-/* stb_vorbis keeps all its state in this one block; a stream whose setup
- * asks for more is refused instead of steering our allocations. Ordinary
- * encoder output needs a few hundred KB. */
-#define VORBIS_ARENA_BYTES (8 * 1024 * 1024)
+/* stb_vorbis keeps all its state in one block: the comments, whose size is
+ * known before it starts, plus this much for codebooks and the rest; a stream
+ * whose setup asks for more is refused instead of steering our allocations.
+ * libvorbis output needs about 220 KB. */
+#define VORBIS_SETUP_BYTES (2 * 1024 * 1024)
 /* The longest Vorbis block is 8192 samples, of which 4096 come out per frame. */
 #define VORBIS_MAX_FRAME 4096
 #define OPUS_SCAN_BYTES 512
@@ -32,7 +34,7 @@ static int sink_reserve(MonoSink* sink, uint64_t more) {
   if (more > KELVO_AUDIO_MAX_FRAMES - sink->frames) return 0;
   const uint64_t need = sink->frames + more;
   if (need <= sink->capacity) return 1;
-  uint64_t capacity = sink->capacity ? sink->capacity : 65536;
+  uint64_t capacity = sink->capacity ? sink->capacity : 16384;
   while (capacity < need) capacity *= 2;
   if (capacity > KELVO_AUDIO_MAX_FRAMES) capacity = KELVO_AUDIO_MAX_FRAMES;
   float* grown = realloc(sink->samples, (size_t)capacity * sizeof(float));
@@ -152,8 +154,11 @@ int kelvo_ogg_decode(const uint8_t* data, uint64_t length, float** samples, uint
                      uint32_t* sampleRate) {
   if (!data || !samples || !frames || !sampleRate || length == 0 || length >= (UINT64_C(1) << 31)) return 0;
   if (carries_opus(data, length)) return KELVO_AUDIO_OPUS;
+  uint64_t commentBytes = 0;
+  if (!kelvo_vorbis_headers_fit(data, length, &commentBytes)) return 0;
 
-  stb_vorbis_alloc arena = {malloc(VORBIS_ARENA_BYTES), VORBIS_ARENA_BYTES};
+  const int arenaBytes = (int)(commentBytes + VORBIS_SETUP_BYTES);
+  stb_vorbis_alloc arena = {malloc((size_t)arenaBytes), arenaBytes};
   if (!arena.alloc_buffer) return 0;
   int error = 0;
   stb_vorbis* vorbis = stb_vorbis_open_memory(data, (int)length, &error, &arena);

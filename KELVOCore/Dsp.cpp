@@ -42,6 +42,40 @@ std::size_t roundedLength(std::size_t count, double divisor) {
   return static_cast<std::size_t>(std::llround(static_cast<double>(count) / divisor));
 }
 
+// Index of the best of `lags` candidates starting at x, x+1, …: each scores
+// its correlation `corr` with the output divided by the root of its own
+// energy over `n` samples. Ties keep the earlier candidate; `lags` when no
+// score is a number. `scores` is scratch space for `lags` values.
+std::size_t bestCandidate(const float* x, const float* corr, std::size_t n, std::size_t lags, double* scores) {
+  // The energy slides along with the candidate. Squares of floats are exact
+  // in double, so the running sum barely drifts over a frame's candidates.
+  // The first sum runs in four interleaved parts so the additions overlap.
+  double part[4] = {};
+  std::size_t i = 0;
+  for (; i + 4 <= n; i += 4) {
+    for (std::size_t j = 0; j < 4; ++j) part[j] += static_cast<double>(x[i + j]) * x[i + j];
+  }
+  for (; i < n; ++i) part[0] += static_cast<double>(x[i]) * x[i];
+  double energy = (part[0] + part[1]) + (part[2] + part[3]);
+  for (std::size_t l = 0; l < lags; ++l) {
+    scores[l] = energy;
+    const double leaving = x[l];
+    const double entering = x[l + n];
+    energy += entering * entering - leaving * leaving;
+  }
+  // Kept apart from the running sum so that the divisions vectorise.
+  for (std::size_t l = 0; l < lags; ++l) scores[l] = corr[l] / std::sqrt(1e-6 + scores[l]);
+  std::size_t best = lags;
+  double bestScore = -std::numeric_limits<double>::infinity();
+  for (std::size_t l = 0; l < lags; ++l) {
+    if (scores[l] > bestScore) {
+      bestScore = scores[l];
+      best = l;
+    }
+  }
+  return best;
+}
+
 }  // namespace
 
 WsolaGeometry wsolaGeometry(std::int64_t sampleRate, float speed) {
@@ -73,32 +107,20 @@ PcmBuffer timeStretch(const PcmBuffer& pcm, float speed) {
   std::vector<float>& out = result.data;
   out.assign(L, 0.0f);
   std::vector<float> corr(2 * S + 1);
+  std::vector<float> scratch(correlateScratchSize(Hs, 2 * S + 1));
+  std::vector<double> scores(2 * S + 1);
 
   std::size_t lastO = 0;
   for (std::size_t o = 0, a = 0; a + N + S < count && o + N <= L; o += Hs, a += Ha) {
     std::size_t b = a;
     if (o > 0) {
       // Candidates a-S..a+S that start inside the input; the loop condition
-      // keeps a+S+Hs inside it. Each is scored by its correlation with what
-      // the output already holds, normalised by the candidate's own energy.
+      // keeps a+S+Hs inside it.
       const std::size_t lo = a > S ? a - S : 0;
       const std::size_t lags = a + S - lo + 1;
-      correlateLags(x.data() + lo, out.data() + o, Hs, lags, corr.data());
-      // Energy slides along with the candidate. Squares of floats are exact
-      // in double, so the running sum barely drifts over a frame's candidates.
-      double energy = 0.0;
-      for (std::size_t i = 0; i < Hs; ++i) energy += static_cast<double>(x[lo + i]) * x[lo + i];
-      double best = -std::numeric_limits<double>::infinity();
-      for (std::size_t l = 0; l < lags; ++l) {
-        const double score = corr[l] / std::sqrt(1e-6 + energy);
-        if (score > best) {  // strictly: ties keep the earlier offset
-          best = score;
-          b = lo + l;
-        }
-        const double leaving = x[lo + l];
-        const double entering = x[lo + l + Hs];
-        energy += entering * entering - leaving * leaving;
-      }
+      correlateLags(x.data() + lo, out.data() + o, Hs, lags, corr.data(), scratch.data());
+      const std::size_t best = bestCandidate(x.data() + lo, corr.data(), Hs, lags, scores.data());
+      if (best < lags) b = lo + best;
     }
     const std::size_t span = std::min({N, count - b, L - o});
     for (std::size_t i = 0; i < span; ++i) out[o + i] += x[b + i] * window[i];

@@ -47,6 +47,28 @@ void addAudio(std::unordered_map<std::string, JaEn>& t) {
       "cannot decode the ogg (the file may be truncated or corrupt)."};
 }
 
+void addVoices(std::unordered_map<std::string, JaEn>& t) {
+  t["这段音频没有数据"] = {"この音声にはデータがありません", "this clip has no audio data"};
+  t["参考音频必须附带对应的文字(厂商接口要求 reference_text 必填)"] = {
+      "参照音声には書き起こしが必要です(ベンダーの仕様で reference_text は必須です)",
+      "a reference clip needs its transcript (the vendor contract makes reference_text mandatory)"};
+  t["这段音频不是 WAV、MP3 或 Ogg"] = {"この音声は WAV、MP3、Ogg のいずれでもありません",
+                                      "this audio is not WAV, MP3 or Ogg"};
+  t["参考音频只有 %d 毫秒,太短了(厂商建议 5-30 秒)"] = {
+      "参照音声が %d ミリ秒しかなく短すぎます(ベンダー推奨は 5〜30 秒)",
+      "the reference clip is only %d ms, too short (the vendor recommends 5-30 s)"};
+  t["无法保存参考音频:%s"] = {"参照音声を保存できません: %s", "cannot save the reference audio: %s"};
+  t["克隆至少需要一段参考音频"] = {"クローンには参照音声が 1 つ以上必要です",
+                                 "cloning needs at least one reference clip"};
+  t["没有这个声音:%s"] = {"その音声はありません: %s", "no such voice: %s"};
+  t["这是最后一段参考音频 - 请直接删除整个声音"] = {
+      "これが最後の参照音声です - 音声ごと削除してください",
+      "this is the last reference clip - delete the whole voice instead"};
+  t["未绑定(%s·%s)"] = {"未割り当て(%s·%s)", "unbound (%s·%s)"};
+  t["这个语言/性别还没有绑定声音"] = {"この言語/性別にはまだ音声が割り当てられていません",
+                                    "no voice is bound to this language/gender yet"};
+}
+
 void addSelfTest(std::unordered_map<std::string, JaEn>& t) {
   t["这个版本还没有这个场景"] = {"このビルドにはまだこのシナリオがありません",
                                "this scenario is not available in this build yet"};
@@ -76,6 +98,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     std::unordered_map<std::string, JaEn> t;
     addCore(t);
     addAudio(t);
+    addVoices(t);
     addSelfTest(t);
     addQueue(t);
     addPlaceholder(t);

@@ -211,9 +211,14 @@ std::optional<WavHeaderInfo> inspectWavHeader(std::span<const std::uint8_t> head
   const double bytesPerSecond =
       static_cast<double>(bits) * 0.125 * static_cast<double>(channels) * static_cast<double>(sampleRate);
   if (!(bytesPerSecond > 0)) return std::nullopt;
+  const double durationMs = std::round(static_cast<double>(audioBytes) / bytesPerSecond * 1000.0);
+  // A length past the 64-bit range is no WAV worth listing (and has no value).
+  if (!(durationMs < 0x1p63) || fileSize > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    return std::nullopt;
+  }
   WavHeaderInfo info;
   info.sampleRate = sampleRate;
-  info.durationMs = static_cast<std::int64_t>(std::round(static_cast<double>(audioBytes) / bytesPerSecond * 1000.0));
+  info.durationMs = static_cast<std::int64_t>(durationMs);
   info.totalBytes = static_cast<std::int64_t>(fileSize);
   return info;
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "CKELVOAudio/kelvo_audio.h"
+#include "CKELVOAudio/vorbis_guard.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Wav.h"
 
@@ -131,6 +132,128 @@ TEST(AudioDecodeTest, DecodesOggVorbisAndRefusesOpus) {
   std::copy_n("OggS", 4, garbage.begin());
   EXPECT_EQ(decodeOgg(garbage).result, OggResult::failed);
   EXPECT_FALSE(decodeReference(garbage));
+}
+
+// The comment header's counts and lengths are checked before the Vorbis
+// decoder sees them; it would write out of bounds on these.
+TEST(AudioDecodeTest, OggWithLyingCommentHeaderIsRefused) {
+  const Bytes ogg = fixture("speech.ogg");
+  // Page 2 follows the 58-byte first page; its packet starts with 7 bytes of
+  // type and "vorbis", then the vendor length, the vendor and the count.
+  const std::size_t page2 = 58;
+  ASSERT_EQ(std::string_view(reinterpret_cast<const char*>(ogg.data() + page2), 4), "OggS");
+  const std::size_t body = page2 + 27 + ogg[page2 + 26];
+  auto putU32 = [](Bytes& b, std::size_t at, std::uint32_t v) {
+    for (int i = 0; i < 4; ++i) b[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
+  };
+  const std::uint32_t vendor = ogg[body + 7] | ogg[body + 8] << 8 | ogg[body + 9] << 16 | ogg[body + 10] << 24;
+  const std::size_t countAt = body + 11 + vendor;
+  ASSERT_LT(countAt, ogg.size());
+  for (const std::uint32_t count : {0x20000000u, 0x7FFFFFFFu, 100000u}) {
+    Bytes bad = ogg;
+    putU32(bad, countAt, count);
+    EXPECT_EQ(decodeOgg(bad).result, OggResult::failed) << count;
+  }
+  for (const std::uint32_t length : {0xFFFFFFFFu, 0x80000000u, 0x10000u}) {
+    Bytes bad = ogg;
+    putU32(bad, body + 7, length);
+    EXPECT_EQ(decodeOgg(bad).result, OggResult::failed) << length;
+  }
+  // A count that reads as negative allocates nothing and reads no comments;
+  // whether the rest then decodes depends on the byte taken for the framing
+  // bit. The point is that nothing is written out of bounds (see the
+  // sanitizer build) and the answer is consistent.
+  Bytes negative = ogg;
+  putU32(negative, countAt, 0x80000000u);
+  const OggDecode odd = decodeOgg(negative);
+  EXPECT_EQ(odd.pcm.has_value(), odd.result == OggResult::ok);
+  Bytes cut(ogg.begin(), ogg.begin() + static_cast<std::ptrdiff_t>(countAt + 2));
+  EXPECT_EQ(decodeOgg(cut).result, OggResult::failed);
+}
+
+// Least-significant-bit-first packing, as in Vorbis headers.
+class BitWriter {
+ public:
+  void put(std::uint64_t value, int count) {
+    for (int i = 0; i < count; ++i, ++used_) {
+      if (used_ % 8 == 0) bytes_.push_back(0);
+      if ((value >> i) & 1) bytes_.back() |= static_cast<std::uint8_t>(1 << (used_ % 8));
+    }
+  }
+  const Bytes& bytes() const { return bytes_; }
+
+ private:
+  Bytes bytes_;
+  int used_ = 0;
+};
+
+Bytes oggPage(std::uint8_t flags, std::uint32_t sequence, const std::vector<Bytes>& packets) {
+  Bytes page = {'O', 'g', 'g', 'S', 0, flags};
+  page.resize(page.size() + 8 + 4, 0);  // granule position, serial
+  for (int i = 0; i < 4; ++i) page.push_back(static_cast<std::uint8_t>(sequence >> (8 * i)));
+  page.resize(page.size() + 4, 0);  // checksum, not checked by the decoder
+  Bytes table, body;
+  for (const Bytes& packet : packets) {
+    EXPECT_LT(packet.size(), 255u);
+    table.push_back(static_cast<std::uint8_t>(packet.size()));
+    body.insert(body.end(), packet.begin(), packet.end());
+  }
+  page.push_back(static_cast<std::uint8_t>(table.size()));
+  page.insert(page.end(), table.begin(), table.end());
+  page.insert(page.end(), body.begin(), body.end());
+  return page;
+}
+
+// A Vorbis stream whose setup holds one codebook of 65536 entries (all of
+// length 16) with a lookup table of `dimensions` values per entry.
+Bytes vorbisWithCodebook(std::uint32_t dimensions) {
+  auto header = [](std::uint8_t type) { return Bytes{type, 'v', 'o', 'r', 'b', 'i', 's'}; };
+  Bytes id = header(1);
+  BitWriter idFields;
+  idFields.put(0, 32);       // version
+  idFields.put(1, 8);        // channels
+  idFields.put(16000, 32);   // rate
+  idFields.put(0, 96);       // bit rates
+  idFields.put(0xB8, 8);     // block sizes 256 and 2048
+  idFields.put(1, 8);        // framing
+  id.insert(id.end(), idFields.bytes().begin(), idFields.bytes().end());
+  Bytes comments = header(3);
+  comments.resize(comments.size() + 8, 0);  // no vendor, no comments
+  comments.push_back(1);
+  Bytes setup = header(5);
+  BitWriter book;
+  book.put(0, 8);             // one codebook
+  book.put(0x564342, 24);     // sync
+  book.put(dimensions, 16);
+  book.put(65536, 24);        // entries
+  book.put(1, 1);             // ordered lengths
+  book.put(15, 5);            // starting at length 16 ...
+  book.put(65536, 17);        // ... for all of them
+  book.put(2, 4);             // lookup type 2: entries × dimensions values
+  book.put(0, 32 + 32 + 4 + 1);
+  setup.insert(setup.end(), book.bytes().begin(), book.bytes().end());
+  Bytes stream = oggPage(2, 0, {id});
+  const Bytes second = oggPage(0, 1, {comments, setup});
+  stream.insert(stream.end(), second.begin(), second.end());
+  return stream;
+}
+
+// Codebooks whose entries times dimensions overflow the Vorbis decoder's int
+// arithmetic would have it write outside its memory block; they are refused
+// before it starts.
+TEST(AudioDecodeTest, OggWithOversizedCodebookIsRefused) {
+  std::uint64_t commentBytes = 0;
+  const Bytes ogg = fixture("speech.ogg");
+  EXPECT_EQ(kelvo_vorbis_headers_fit(ogg.data(), ogg.size(), &commentBytes), 1);
+  EXPECT_GT(commentBytes, 0u);
+  const Bytes hostile = vorbisWithCodebook(32767);
+  EXPECT_EQ(kelvo_vorbis_headers_fit(hostile.data(), hostile.size(), &commentBytes), 0);
+  EXPECT_EQ(decodeOgg(hostile).result, OggResult::failed);
+  // The same codebook with one value per entry passes the check (and then
+  // fails to decode for want of the rest of the setup).
+  const Bytes modest = vorbisWithCodebook(1);
+  EXPECT_EQ(kelvo_vorbis_headers_fit(modest.data(), modest.size(), &commentBytes), 1);
+  EXPECT_EQ(decodeOgg(modest).result, OggResult::failed);
 }
 
 TEST(AudioDecodeTest, ReferenceDecodingFallsThroughTheFormats) {

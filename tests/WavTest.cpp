@@ -256,6 +256,10 @@ TEST(WavTest, HeaderLookReadsLengthWithoutTheData) {
   EXPECT_FALSE(inspectWavHeader(riff({chunk("fmt ", fmtBody(1, 0, 8000, 16)), someData}), 100));
   EXPECT_FALSE(inspectWavHeader(riff({chunk("fmt ", fmtBody(1, 1, 8000, 0)), someData}), 100));
   EXPECT_FALSE(inspectWavHeader(riff({someData, chunk("fmt ", fmtBody(1, 1, 8000, 16))}), 100));
+  // 1 bit, 1 channel, 1 Hz: an absurd length is refused rather than overflowing.
+  const Bytes slow = riff({chunk("fmt ", fmtBody(1, 1, 1, 1)), chunk("data", {}, 0)});
+  EXPECT_EQ(inspectWavHeader(slow, 1000)->durationMs, std::lround((1000.0 - 44) * 8 * 1000));
+  EXPECT_FALSE(inspectWavHeader(slow, std::uint64_t{1} << 62));
 }
 
 TEST(WavTest, FileHelpersReadAndReplaceWholeFiles) {
