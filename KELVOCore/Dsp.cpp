@@ -46,6 +46,7 @@ std::size_t roundedLength(std::size_t count, double divisor) {
 // its correlation `corr` with the output divided by the root of its own
 // energy over `n` samples. Ties keep the earlier candidate; `lags` when no
 // score is a number. `scores` is scratch space for `lags` values.
+// REQUIRES: lags >= 1; x has n + lags - 1 samples.
 std::size_t bestCandidate(const float* x, const float* corr, std::size_t n, std::size_t lags, double* scores) {
   // The energy slides along with the candidate. Squares of floats are exact
   // in double, so the running sum barely drifts over a frame's candidates.
@@ -57,8 +58,9 @@ std::size_t bestCandidate(const float* x, const float* corr, std::size_t n, std:
   }
   for (; i < n; ++i) part[0] += static_cast<double>(x[i]) * x[i];
   double energy = (part[0] + part[1]) + (part[2] + part[3]);
-  for (std::size_t l = 0; l < lags; ++l) {
+  for (std::size_t l = 0;; ++l) {
     scores[l] = energy;
+    if (l + 1 == lags) break;
     const double leaving = x[l];
     const double entering = x[l + n];
     energy += entering * entering - leaving * leaving;

@@ -47,9 +47,48 @@ void addAudio(std::unordered_map<std::string, JaEn>& t) {
       "cannot decode the ogg (the file may be truncated or corrupt)."};
 }
 
+void addVoices(std::unordered_map<std::string, JaEn>& t) {
+  t["这段音频没有数据"] = {"この音声にはデータがありません", "this clip has no audio data"};
+  t["参考音频必须附带对应的文字(厂商接口要求 reference_text 必填)"] = {
+      "参照音声には書き起こしが必要です(ベンダーの仕様で reference_text は必須です)",
+      "a reference clip needs its transcript (the vendor contract makes reference_text mandatory)"};
+  t["这段音频不是 WAV、MP3 或 Ogg"] = {"この音声は WAV、MP3、Ogg のいずれでもありません",
+                                      "this audio is not WAV, MP3 or Ogg"};
+  t["参考音频只有 %d 毫秒,太短了(厂商建议 5-30 秒)"] = {
+      "参照音声が %d ミリ秒しかなく短すぎます(ベンダー推奨は 5〜30 秒)",
+      "the reference clip is only %d ms, too short (the vendor recommends 5-30 s)"};
+  t["无法保存参考音频:%s"] = {"参照音声を保存できません: %s", "cannot save the reference audio: %s"};
+  t["克隆至少需要一段参考音频"] = {"クローンには参照音声が 1 つ以上必要です",
+                                 "cloning needs at least one reference clip"};
+  t["没有这个声音:%s"] = {"その音声はありません: %s", "no such voice: %s"};
+  t["这是最后一段参考音频 - 请直接删除整个声音"] = {
+      "これが最後の参照音声です - 音声ごと削除してください",
+      "this is the last reference clip - delete the whole voice instead"};
+  t["未绑定(%s·%s)"] = {"未割り当て(%s·%s)", "unbound (%s·%s)"};
+  t["这个语言/性别还没有绑定声音"] = {"この言語/性別にはまだ音声が割り当てられていません",
+                                    "no voice is bound to this language/gender yet"};
+}
+
 void addSelfTest(std::unordered_map<std::string, JaEn>& t) {
   t["这个版本还没有这个场景"] = {"このビルドにはまだこのシナリオがありません",
                                "this scenario is not available in this build yet"};
+}
+
+void addQueue(std::unordered_map<std::string, JaEn>& t) {
+  t["合成队列已满(%d 条在排),稍后再试"] = {"合成キューが満杯です(%d 件待ち)。しばらくしてから再試行してください",
+                                       "the synthesis queue is full (%d waiting); try again later"};
+  t["后端等了 %d ms 仍没有产出音频"] = {"バックエンドは %d ms 待っても音声を生成しませんでした",
+                                   "the backend produced no audio after %d ms"};
+  t["没有可用的引擎"] = {"使用できるエンジンがありません", "no engine available"};
+  t["服务正在关闭,这条请求被丢弃了"] = {"サービスを終了中のため、このリクエストは破棄されました",
+                                  "the service is shutting down; this request was dropped"};
+}
+
+void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
+  t["占位波形"] = {"プレースホルダー波形", "placeholder waveform"};
+  t["bin 里还没有模型;这是可听的假音频,只用来验证链路"] = {
+      "bin にまだモデルがありません;これは経路の確認だけに使う、聞こえる疑似音声です",
+      "no model under bin yet; this is audible fake audio, only to prove the pipeline works"};
 }
 
 }  // namespace
@@ -59,7 +98,10 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     std::unordered_map<std::string, JaEn> t;
     addCore(t);
     addAudio(t);
+    addVoices(t);
     addSelfTest(t);
+    addQueue(t);
+    addPlaceholder(t);
     return t;
   }();
   return table;

@@ -6,6 +6,7 @@
 #include <unicode/unistr.h>
 #include <unicode/utf8.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -220,6 +221,17 @@ std::string trimmed(std::string_view s) {
 
 namespace {
 std::string caseMapped(std::string_view s, bool upper) {
+  // Codes and ids are nearly always plain ASCII, and they are case-mapped on
+  // every request; for them the root-locale mapping is the ASCII one, without
+  // the round trip through UTF-16.
+  if (std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+    std::string out(s);
+    for (char& c : out) {
+      if (upper && c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+      if (!upper && c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return out;
+  }
   icu::UnicodeString u = icu::UnicodeString::fromUTF8(icu::StringPiece(s.data(), static_cast<std::int32_t>(s.size())));
   if (upper) {
     u.toUpper(icu::Locale::getRoot());

