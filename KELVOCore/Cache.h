@@ -132,8 +132,8 @@ class WavCache {
   std::optional<std::pair<CacheEntry, Bytes>> fetch(const std::string& key, bool countUse);
   // Drops `key` when it still describes the file `seen` came from.
   void drop(const std::string& key, const CacheEntry& seen);
-  // REQUIRES: lock_ held (or the constructor running).
   // Adds or replaces `key` as the most recently used entry.
+  // REQUIRES (this and the next two): lock_ held, or the constructor running.
   void insertLocked(const std::string& key, CacheEntry entry);
   void eraseLocked(Items::iterator it);
   void evictLocked();
