@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -10,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
@@ -23,6 +25,18 @@ using Clock = std::chrono::steady_clock;
 // No request waits longer than a day; the cap also keeps the deadline
 // arithmetic far from overflow whatever a caller passes.
 constexpr std::int64_t longestWaitMs = 24LL * 60 * 60 * 1000;
+
+// Both sides of a hand-over look for the other briefly before they sleep: on a
+// virtual machine an idle core takes tens of microseconds to wake, longer than
+// a whole cache-sized job. The lock-protected state stays the source of truth;
+// the spin only decides when it is worth going to sleep.
+constexpr auto spinBeforeSleep = std::chrono::microseconds(50);
+
+template <typename StillWaiting>
+void spinWhile(StillWaiting stillWaiting) {
+  const auto until = Clock::now() + spinBeforeSleep;
+  while (stillWaiting() && Clock::now() < until) std::this_thread::yield();
+}
 
 std::int64_t millisSince(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
@@ -67,6 +81,7 @@ class SynthJob {
 
   // Caller side: the result, or the job's error, or timeout at `deadline`.
   SynthOutput await(Clock::time_point deadline, std::int64_t timeoutMs) {
+    spinWhile([this] { return !_settledHint.load(std::memory_order_acquire); });
     std::unique_lock guard(lock);
     if (!done.wait_until(guard, deadline, [this] { return _settled; })) {
       _abandoned = true;
@@ -85,6 +100,7 @@ class SynthJob {
       std::lock_guard guard(lock);
       _elapsedMs = elapsedMs;
       _settled = true;
+      _settledHint.store(true, std::memory_order_release);
       // Nobody reads `_pcm` of an abandoned job; the audio moves on instead.
       if (_abandoned && _onLate) {
         late = LateDelivery{std::move(_onLate), std::move(pcm), elapsedMs};
@@ -104,6 +120,7 @@ class SynthJob {
       _error = std::move(error);
       _elapsedMs = elapsedMs;
       _settled = true;
+      _settledHint.store(true, std::memory_order_release);
       _onLate = nullptr;
     }
     done.notify_all();
@@ -116,6 +133,7 @@ class SynthJob {
   std::optional<TtsError> _error;
   std::int64_t _elapsedMs = 0;
   bool _settled = false;
+  std::atomic<bool> _settledHint{false};  // mirrors `_settled` for the spin before sleeping
   bool _abandoned = false;
   SynthQueue::LateHandler _onLate;
 };
@@ -146,6 +164,12 @@ struct SynthQueue::Core {
       std::shared_ptr<SynthJob> job;
       {
         std::unique_lock guard(lock);
+        if (!terminated && depthValue == 0) {
+          const unsigned seen = submits.load(std::memory_order_acquire);
+          guard.unlock();
+          spinWhile([&] { return submits.load(std::memory_order_acquire) == seen; });
+          guard.lock();
+        }
         signal.wait(guard, [this] { return terminated || depthValue > 0; });
         if (terminated) return;
         job = pop();
@@ -196,6 +220,7 @@ struct SynthQueue::Core {
   std::deque<std::shared_ptr<SynthJob>> normal;
   bool terminated = false;
   std::int64_t depthValue = 0;
+  std::atomic<unsigned> submits{0};  // bumped with every queued job, for the worker's spin
   bool busyValue = false;
   const EngineSource getEngine;
   const std::int64_t limit;
@@ -227,6 +252,7 @@ SynthOutput SynthQueue::submit(S2Params params, VoiceHint hint, TtsPriority prio
     if (!stopped && !full) {
       (priority == TtsPriority::high ? core->high : core->normal).push_back(job);
       ++core->depthValue;
+      core->submits.fetch_add(1, std::memory_order_release);
     }
   }
   if (stopped) throw shuttingDown();
