@@ -10,7 +10,8 @@
 // `shutdown` at once. One lock guards the lanes and counters and each job has
 // its own; the two are never held together, and none is held during an engine
 // call, `getEngine` or a late handler. Cost of a submit: one allocation for the
-// job plus two thread hand-offs; the engine call dominates everything else.
+// job plus two thread hand-offs, each side spinning up to 50 µs before it
+// sleeps (a round trip of a few µs); the engine call dominates everything else.
 #pragma once
 
 #include <cstdint>
