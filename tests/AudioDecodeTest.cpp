@@ -188,10 +188,13 @@ class BitWriter {
 };
 
 Bytes oggPage(std::uint8_t flags, std::uint32_t sequence, const std::vector<Bytes>& packets) {
-  Bytes page = {'O', 'g', 'g', 'S', 0, flags};
-  page.resize(page.size() + 8 + 4, 0);  // granule position, serial
-  for (int i = 0; i < 4; ++i) page.push_back(static_cast<std::uint8_t>(sequence >> (8 * i)));
-  page.resize(page.size() + 4, 0);  // checksum, not checked by the decoder
+  // Capture pattern, version, flags, granule position and serial (zero), then
+  // the sequence number and a checksum the decoder does not check.
+  Bytes page(6 + 8 + 4 + 4 + 4, 0);
+  const std::uint8_t capture[] = {'O', 'g', 'g', 'S'};
+  std::copy(std::begin(capture), std::end(capture), page.begin());
+  page[5] = flags;
+  for (int i = 0; i < 4; ++i) page[18 + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(sequence >> (8 * i));
   Bytes table, body;
   for (const Bytes& packet : packets) {
     EXPECT_LT(packet.size(), 255u);
