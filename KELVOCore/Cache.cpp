@@ -186,11 +186,6 @@ void keepBackup(const std::string& index, const std::string& backup) {
   if (auto bytes = readFile(index)) writeFileAtomic(backup, *bytes);
 }
 
-std::string withSlash(std::string dir) {
-  if (!dir.ends_with('/')) dir += '/';
-  return dir;
-}
-
 }  // namespace
 
 std::string makeCacheKey(const TtsRequest& request, const VoiceInfo& voice, std::string_view engineTag,
@@ -228,7 +223,7 @@ std::optional<std::vector<std::pair<std::string, CacheEntry>>> parseCacheIndex(s
 // ---- WavCache -----------------------------------------------------------------
 
 WavCache::WavCache(std::string dir, std::int64_t budgetBytes)
-    : dir_(withSlash(std::move(dir))), budget_(std::max<std::int64_t>(budgetBytes, 0)) {
+    : dir_(KELVOPaths::withSlash(std::move(dir))), budget_(std::max<std::int64_t>(budgetBytes, 0)) {
   std::error_code ignored;
   fs::create_directories(dir_, ignored);
   // Listing a large directory is mostly kernel time and needs nothing from the
@@ -253,10 +248,8 @@ WavCache::WavCache(std::string dir, std::int64_t budgetBytes)
     }
   }
   adoptOrphans(orphans);
-  char line[64];
-  std::snprintf(line, sizeof line, "cache loaded: %zu entries / %.1f MB from ", items_.size(),
-                static_cast<double>(bytes_) / 1048576.0);
-  AppLog::info(kSource, line + dir_);
+  AppLog::info(kSource, formatText("cache loaded: %zu entries / %.1f MB from %s", items_.size(),
+                                   static_cast<double>(bytes_) / 1048576.0, dir_));
 }
 
 WavCache::~WavCache() {

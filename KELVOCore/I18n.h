@@ -8,12 +8,11 @@
 // probes; no allocation beyond the returned string.
 #pragma once
 
-#include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <type_traits>
-#include <vector>
+
+#include "KELVOCore/Types.h"
 
 namespace kelvo {
 
@@ -48,27 +47,9 @@ std::string TF(std::string_view zhFormat, const Args&... args);
 // installed, meaning "use the system font".
 std::optional<std::string> uiFontName(UiLang lang);
 
-// ---- implementation of TF ----------------------------------------------------
-namespace i18n_detail {
-template <typename A>
-auto printable(const A& a) {
-  if constexpr (std::is_same_v<A, std::string>) {
-    return a.c_str();
-  } else {
-    return a;
-  }
-}
-}  // namespace i18n_detail
-
 template <typename... Args>
 std::string TF(std::string_view zhFormat, const Args&... args) {
-  const std::string fmt = T(zhFormat);
-  int needed = std::snprintf(nullptr, 0, fmt.c_str(), i18n_detail::printable(args)...);
-  if (needed < 0) return fmt;
-  std::string out(static_cast<std::size_t>(needed) + 1, '\0');
-  std::snprintf(out.data(), out.size(), fmt.c_str(), i18n_detail::printable(args)...);
-  out.resize(static_cast<std::size_t>(needed));
-  return out;
+  return formatText(T(zhFormat), args...);
 }
 
 }  // namespace kelvo

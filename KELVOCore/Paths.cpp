@@ -12,12 +12,12 @@ namespace kelvo::KELVOPaths {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-std::string withSlash(std::string p) {
-  if (p.empty() || p.back() != '/') p += '/';
-  return p;
+std::string withSlash(std::string dir) {
+  if (dir.empty() || dir.back() != '/') dir += '/';
+  return dir;
 }
+
+namespace {
 
 std::optional<std::string> env(const char* name) {
   const char* v = std::getenv(name);

@@ -42,6 +42,9 @@ std::string chooseDataRoot(const std::optional<std::string>& kelvoHome, const st
                            bool portableExists, const std::optional<std::string>& xdgDataHome,
                            const std::string& home);
 
+// `dir` with a trailing "/" added when missing.
+std::string withSlash(std::string dir);
+
 // The folder that holds the running executable, with a trailing "/".
 std::string executableDir();
 

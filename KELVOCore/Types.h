@@ -7,12 +7,14 @@
 #pragma once
 
 #include <chrono>
+#include <cstdio>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace kelvo {
@@ -225,8 +227,35 @@ std::string langWithCode(std::string_view code);  // "中文 (zh)", or "自动 (
 const std::vector<std::string>& commonLanguages();  // the 28 codes of the language table
 float clampSpeed(float v);  // 1.0 for v <= 0 or NaN, else limited to speedMin..speedMax
 
+// printf-style formatting into a string of any length; std::string arguments
+// may be passed as they are. A format the C library rejects comes back as is.
+template <typename... Args>
+std::string formatText(const std::string& format, const Args&... args);
+
 // SHA-256 as 64 upper-case hex digits.
 std::string sha256Utf8(std::string_view s);
 std::string sha256Bytes(std::span<const std::uint8_t> data);
+
+// ---- implementation of formatText -------------------------------------------
+namespace text_detail {
+template <typename A>
+auto printable(const A& a) {
+  if constexpr (std::is_same_v<A, std::string>) {
+    return a.c_str();
+  } else {
+    return a;
+  }
+}
+}  // namespace text_detail
+
+template <typename... Args>
+std::string formatText(const std::string& format, const Args&... args) {
+  const int needed = std::snprintf(nullptr, 0, format.c_str(), text_detail::printable(args)...);
+  if (needed < 0) return format;
+  std::string out(static_cast<std::size_t>(needed) + 1, '\0');
+  std::snprintf(out.data(), out.size(), format.c_str(), text_detail::printable(args)...);
+  out.resize(static_cast<std::size_t>(needed));
+  return out;
+}
 
 }  // namespace kelvo

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 #include <filesystem>
 
@@ -21,12 +20,6 @@ namespace {
 
 constexpr std::string_view kSource = "voices";
 constexpr std::int64_t kMergeGapMs = 300;
-
-std::string formatted(const char* format, auto... args) {
-  char text[512];
-  std::snprintf(text, sizeof text, format, args...);
-  return text;
-}
 
 double seconds(std::int64_t ms) { return static_cast<double>(ms) / 1000.0; }
 
@@ -348,11 +341,11 @@ VoiceLibrary::PreparedClip VoiceLibrary::prepareClip(const VoiceClipInput& input
                    TF("参考音频只有 %d 毫秒,太短了(厂商建议 5-30 秒)", static_cast<int>(clip.durationMs)));
   }
   if (clip.durationMs < 5000) {
-    AppLog::warn(kSource, formatted("reference audio is only %.1f s; the official guidance is 5-30 s, cloning may be "
+    AppLog::warn(kSource, formatText("reference audio is only %.1f s; the official guidance is 5-30 s, cloning may be "
                                     "unstable",
                                     seconds(clip.durationMs)));
   } else if (clip.durationMs > maxReferenceMs) {
-    AppLog::warn(kSource, formatted("reference audio is %.0f s, over the 30 s the vendor recommends; it will be trimmed",
+    AppLog::warn(kSource, formatText("reference audio is %.0f s, over the 30 s the vendor recommends; it will be trimmed",
                                     seconds(clip.durationMs)));
   }
   return clip;
@@ -416,7 +409,7 @@ VoiceInfo VoiceLibrary::addClone(const VoiceCloneSpec& spec) {
   }
   if (writeError) throw saveClipError(writeError);
   logSaveError(saveError);
-  AppLog::info(kSource, formatted("cloned voice %s (%s, %d clip(s), %.1f s total)", voice.display.c_str(),
+  AppLog::info(kSource, formatText("cloned voice %s (%s, %d clip(s), %.1f s total)", voice.display.c_str(),
                                   voice.id.c_str(), static_cast<int>(voice.clips.size()), totalSeconds(voice)));
   return voice;
 }
@@ -464,7 +457,7 @@ VoiceInfo VoiceLibrary::addClip(std::string_view voiceId, const VoiceClipInput& 
   if (!found) throw noSuchVoice();
   if (writeError) throw saveClipError(writeError);
   logSaveError(saveError);
-  AppLog::info(kSource, formatted("added a clip to %s (%s), now %d clip(s), %.1f s", updated.display.c_str(),
+  AppLog::info(kSource, formatText("added a clip to %s (%s), now %d clip(s), %.1f s", updated.display.c_str(),
                                   updated.id.c_str(), static_cast<int>(updated.clips.size()), totalSeconds(updated)));
   return updated;
 }
@@ -627,7 +620,7 @@ std::optional<Bytes> VoiceLibrary::singleClipAudio(const VoiceInfo& voice) const
   head.sampleRate = pcm->sampleRate;
   const auto keep = static_cast<std::size_t>(pcm->sampleRate * maxReferenceMs / 1000);
   head.data.assign(pcm->data.begin(), pcm->data.begin() + static_cast<std::ptrdiff_t>(std::min(keep, pcm->data.size())));
-  AppLog::info(kSource, formatted("reference audio for %s was %.0f s; trimmed to %d s before sending it to the engine",
+  AppLog::info(kSource, formatText("reference audio for %s was %.0f s; trimmed to %d s before sending it to the engine",
                                   voice.display.c_str(), seconds(ms), static_cast<int>(maxReferenceMs / 1000)));
   return buildWav(head, 1);
 }
@@ -638,7 +631,7 @@ std::optional<Bytes> VoiceLibrary::mergedClipAudio(const VoiceInfo& voice) const
   int used = 0;
   for (const auto& clip : voice.clips) {
     if (used > 0 && merged.data.size() >= limit) {
-      AppLog::info(kSource, formatted("merged reference audio already reached %.1f s (the vendor caps it at 30 s); "
+      AppLog::info(kSource, formatText("merged reference audio already reached %.1f s (the vendor caps it at 30 s); "
                                       "skipping the rest",
                                       static_cast<double>(merged.data.size()) / static_cast<double>(merged.sampleRate)));
       break;
@@ -665,7 +658,7 @@ std::optional<Bytes> VoiceLibrary::mergedClipAudio(const VoiceInfo& voice) const
     ++used;
   }
   if (used == 0) return std::nullopt;
-  AppLog::info(kSource, formatted("merged the %s reference clips into one - %d clip(s), %.1f s", voice.display.c_str(),
+  AppLog::info(kSource, formatText("merged the %s reference clips into one - %d clip(s), %.1f s", voice.display.c_str(),
                                   used, static_cast<double>(merged.durationMs()) / 1000.0));
   return buildWav(merged, 1);
 }

@@ -3,7 +3,6 @@
 // even when an earlier one failed.
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 
 #include "KELVOCore/Cache.h"
 #include "KELVOCore/Dsp.h"
@@ -15,12 +14,6 @@
 namespace kelvo::selftest {
 
 namespace {
-
-std::string format(const char* fmt, auto... args) {
-  char text[160];
-  std::snprintf(text, sizeof text, fmt, args...);
-  return text;
-}
 
 // Shortest text that reads back as the same float, with ".0" on whole numbers
 // so the speeds print as x0.7, x1.0, x1.6.
@@ -44,15 +37,15 @@ PcmBuffer testTone() {
 void checkWavRoundTrip(const PcmBuffer& tone, bool& allPassed) {
   const auto parsed = parseWav(buildWav(tone, 1));
   const std::int64_t ms = parsed ? parsed->durationMs() : -1;
-  check("WAV 往返", parsed && std::llabs(ms - 1000) < 2, format("%lld ms", static_cast<long long>(ms)), allPassed);
+  check("WAV 往返", parsed && std::llabs(ms - 1000) < 2, formatText("%lld ms", static_cast<long long>(ms)), allPassed);
 }
 
 void checkTimeStretch(const PcmBuffer& tone, float speed, bool& allPassed) {
   const double expected = static_cast<double>(tone.durationMs()) / static_cast<double>(speed);
   const std::int64_t actual = timeStretch(tone, speed).durationMs();
   const double error = std::fabs(static_cast<double>(actual) - expected) / expected;
-  check(format("WSOLA x%s", shortestDecimal(speed).c_str()), error < 0.05,
-        format("%lld ms(期望 %.0f,误差 %.1f%%)", static_cast<long long>(actual), expected, error * 100), allPassed);
+  check(formatText("WSOLA x%s", shortestDecimal(speed).c_str()), error < 0.05,
+        formatText("%lld ms(期望 %.0f,误差 %.1f%%)", static_cast<long long>(actual), expected, error * 100), allPassed);
 }
 
 void checkBadWavRejected(bool& allPassed) {
@@ -69,7 +62,7 @@ PcmBuffer checkPlaceholderSound(bool& allPassed) {
   params.repetitionPenalty = 1.1f;
   PcmBuffer speech = engine.synthesize(params, VoiceHint{});
   const std::int64_t ms = speech.durationMs();
-  check("占位引擎出声", ms > 500, format("%lld ms", static_cast<long long>(ms)), allPassed);
+  check("占位引擎出声", ms > 500, formatText("%lld ms", static_cast<long long>(ms)), allPassed);
   return speech;
 }
 
@@ -77,7 +70,7 @@ void checkPeakNormalisation(PcmBuffer speech, bool& allPassed) {
   speech = peakNormalize(std::move(speech), 0.95f);
   float peak = 0;
   for (float s : speech.data) peak = std::max(peak, std::fabs(s));
-  check("峰值归一", std::fabs(peak - 0.95f) < 0.01f, format("%.3f", static_cast<double>(peak)), allPassed);
+  check("峰值归一", std::fabs(peak - 0.95f) < 0.01f, formatText("%.3f", static_cast<double>(peak)), allPassed);
 }
 
 void checkLanguageNormalisation(bool& allPassed) {
