@@ -7,6 +7,11 @@ find_package(nlohmann_json 3 REQUIRED)
 # The cache index is read with simdjson: at 100,000 lines nlohmann alone would
 # hold up the start for about a second.
 find_package(simdjson REQUIRED)
+# Asio and Beast are header-only: the HTTP server needs no Boost library.
+find_package(Boost 1.81 REQUIRED)
+# libcurl talks to the inference process and the online services.
+find_package(CURL REQUIRED)
+find_package(ZLIB REQUIRED)
 pkg_check_modules(FONTCONFIG REQUIRED IMPORTED_TARGET fontconfig)
 pkg_check_modules(MPG123 REQUIRED IMPORTED_TARGET libmpg123)
 # Only the directory of stb_vorbis.h: the decoder is compiled into CKELVOAudio.

@@ -1,0 +1,104 @@
+// HttpServer: a small HTTP/1.1 server over plain TCP (Boost.Beast on Asio).
+// It accepts connections on one address and port, parses each request into an
+// HttpRequest, runs the one handler on a worker pool (never on an I/O thread,
+// so a request that waits minutes for the engine holds up nobody else) and
+// writes the handler's HttpResponse back. Keep-alive and pipelining are
+// supported; responses on one connection go out in request order. No TLS, no
+// chunked bodies. It knows nothing of the API: the handler is a plain function.
+//
+// Limits, so a LAN client cannot exhaust memory or sockets: headers 64 KiB
+// (400 and close), body 64 MiB (413 before the body is read), 30 s to receive
+// a request once its first byte arrived, 120 s idle on keep-alive, 1024 open
+// connections (more are accepted and closed at once). Each kind of breach is
+// logged the first time it happens.
+//
+// Thread-safe: start() and stop() may be called from any thread; the handler
+// is called concurrently from the worker pool and must be thread-safe itself.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "KELVOCore/Json.h"
+#include "KELVOCore/Types.h"
+
+namespace kelvo {
+
+struct HttpRequest {
+  std::string method;  // as received
+  std::string path;    // the target before "?"
+  std::string query;   // after "?", without it
+  std::map<std::string, std::string> headers;  // names as received
+  Bytes body;
+  std::string peer;  // the client's address
+
+  // The header's value looked up ignoring case; "" when absent.
+  std::string header(std::string_view name) const;
+  // One query parameter, percent-decoded ("+" is a space); `def` when absent.
+  std::string queryValue(std::string_view name, std::string def = {}) const;
+  // The body as UTF-8 with invalid sequences replaced by U+FFFD.
+  std::string bodyText() const;
+};
+
+struct HttpResponse {
+  std::int64_t status = 200;
+  std::map<std::string, std::string> headers;
+  Bytes body;
+
+  // Serialised JSON ("{}" when it cannot be), "application/json; charset=utf-8".
+  static HttpResponse json(std::int64_t status, const Json& object);
+  static HttpResponse text(std::int64_t status, std::string_view text);  // "text/plain; charset=utf-8"
+  // {"error": code, "message": message} as JSON.
+  static HttpResponse error(std::int64_t status, std::string_view code, std::string_view message);
+};
+
+// The phrase of the status line; "OK" for any status not in the table.
+std::string_view reasonPhrase(std::int64_t status);
+
+// The bytes sent for `response`: status line, headers in ascending name order,
+// then "Content-Length" and "Connection" ("close" or "keep-alive"), blank line, body.
+Bytes serializeResponse(const HttpResponse& response, bool close);
+
+class HttpServer {
+ public:
+  using Handler = std::function<HttpResponse(const HttpRequest&)>;
+
+  static constexpr std::size_t maxHeaderBytes = 64 * 1024;
+  static constexpr std::uint64_t maxBodyBytes = 64ull * 1024 * 1024;
+  static constexpr int receiveTimeoutSeconds = 30;
+  static constexpr int idleTimeoutSeconds = 120;
+  static constexpr std::size_t maxConnections = 1024;
+
+  // Port 0 picks a free port (see boundPort()).
+  HttpServer(std::string bindAddress, std::int64_t port, Handler handler);
+  ~HttpServer();  // stop()
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  // Listens, waiting at most 5 s. Throws TtsError with the three-line
+  // port-in-use message when the address cannot be bound.
+  void start();
+  // Closes the listener and every connection; waits for the I/O threads.
+  // Handlers still running finish, but their responses are dropped.
+  void stop();
+  bool isRunning() const;
+  // "http://address:port" as clients are told.
+  std::string endpoint() const;
+  std::int64_t boundPort() const;  // the port actually listened on; 0 before start
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+// The addresses other machines reach the service at: non-loopback,
+// non-link-local IPv4 interfaces, private ranges first ("192.168." before the
+// other private ones), as "http://address:port"; "http://127.0.0.1:port" last.
+std::vector<std::string> reachableUrls(const std::string& bindAddress, std::int64_t port);
+
+}  // namespace kelvo

@@ -1,0 +1,129 @@
+// TtsService: the synthesis pipeline every spoken line goes through. It
+// validates a request, resolves its voice (creating a default voice with the
+// model on first use), answers from the WAV cache when it can, otherwise sends
+// the work through the synthesis queue to the active engine, post-processes
+// the audio (rate, peak, local speed change), stores it and counts it. It also
+// pre-bakes lists of lines into the cache on a thread of its own.
+//
+// Thread-safe: `synthesize` and everything else may be called from any number
+// of threads. The service lock guards only the counters and is never held
+// across a synthesis or another object's lock; the queue serialises the engine.
+// Always owned through a shared_ptr: the pre-bake worker and late-result
+// handlers hold it weakly and do nothing once it is gone.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "KELVOCore/Cache.h"
+#include "KELVOCore/Config.h"
+#include "KELVOCore/EngineS2Local.h"
+#include "KELVOCore/Queue.h"
+#include "KELVOCore/Voices.h"
+
+namespace kelvo {
+
+// A snapshot of the service's counters for status pages and the API.
+struct ServiceStats {
+  std::int64_t total = 0;
+  std::int64_t failed = 0;
+  std::int64_t cacheHits = 0;
+  double cacheHitRate = 0;  // hits / (hits + misses); 0 when both are 0
+  std::int64_t cacheBytes = 0;
+  std::int64_t cacheCount = 0;
+  std::int64_t queueDepth = 0;
+  std::int64_t prewarmPending = 0;
+  bool busy = false;
+  std::int64_t p50Ms = 0;
+  std::int64_t p95Ms = 0;
+  std::int64_t totalAudioMs = 0;
+  std::int64_t totalSynthMs = 0;
+  std::string engineName;
+  std::string engineDetail;
+  bool engineReady = false;
+  bool placeholder = false;
+};
+
+class PrewarmWorker;
+
+class TtsService : public std::enable_shared_from_this<TtsService> {
+ public:
+  // What a service is built from. open() makes these from the data root;
+  // tests assemble their own (any TtsEngine may stand in for the placeholder,
+  // which answers whenever the real engine is missing).
+  struct Parts {
+    std::shared_ptr<AppConfig> config;
+    std::shared_ptr<VoiceLibrary> voices;
+    std::shared_ptr<WavCache> cache;
+    std::shared_ptr<S2LocalEngine> s2;
+    std::shared_ptr<TtsEngine> placeholder;
+  };
+
+  // Builds the queue (limit from the configuration) and the pre-bake worker.
+  // Starts no engine. REQUIRES: every part is set.
+  static std::shared_ptr<TtsService> create(Parts parts);
+  // The host's start, in order: data directories, configuration (written when
+  // missing), voice library, cache (budget and on/off applied), queue, orphan
+  // sweep, local engine start. Never fails: a part that cannot load starts empty.
+  static std::shared_ptr<TtsService> open();
+  // The host's stop: waiting jobs fail with the shutdown message while the job
+  // in the engine finishes, the pre-bake worker ends, the engine child is
+  // stopped, the cache index is written. Idempotent; the destructor runs it.
+  void shutdown();
+  ~TtsService();
+
+  TtsService(const TtsService&) = delete;
+  TtsService& operator=(const TtsService&) = delete;
+
+  // The request spoken, from the cache or fresh. Throws TtsError.
+  TtsResult synthesize(TtsRequest request);
+  // The placeholder while the real engine is missing, else the real engine.
+  std::shared_ptr<TtsEngine> activeEngine();
+  // (key, etag): the cache entry and the client-visible tag; equal with native speed.
+  std::pair<std::string, std::string> cacheKeys(const TtsRequest& request, const VoiceInfo& voice,
+                                                const TtsEngine& engine, std::int64_t targetRate,
+                                                bool nativeSpeed) const;
+  S2Params buildParams(const TtsRequest& request, const VoiceInfo& voice) const;
+  // Changes a cached result's speed in place; nothing within 0.01 of 1.
+  void retimeFromCache(TtsResult& result, float speed) const;
+  // Asks the model for a reference line, stores it as a voice and binds it as
+  // the default of (language, gender). Throws TtsError.
+  VoiceInfo bootstrapDefaultVoice(const std::string& language, TtsGender gender);
+  std::string noVoiceMessage(const TtsRequest& request) const;
+
+  void recordDuration(std::int64_t ms);  // keeps the last 200
+  std::int64_t percentile(double p) const;
+  ServiceStats stats();
+  // Hands the non-empty requests to the pre-bake worker; returns how many.
+  std::int64_t prewarmRequests(const std::vector<TtsRequest>& requests);
+  std::int64_t prewarmPending() const;
+  // Whether synthesize(request) would be a cache hit right now.
+  bool isCached(const TtsRequest& request);
+
+  AppConfig& config() const { return *parts_.config; }
+  VoiceLibrary& voices() const { return *parts_.voices; }
+  WavCache& cache() const { return *parts_.cache; }
+  S2LocalEngine& s2() const { return *parts_.s2; }
+  bool usingPlaceholder() const;
+
+ private:
+  explicit TtsService(Parts parts);
+
+  Parts parts_;
+  std::unique_ptr<SynthQueue> queue_;
+  std::unique_ptr<PrewarmWorker> prewarm_;
+
+  mutable std::mutex lock_;  // guards the fields below
+  bool usingPlaceholder_ = false;
+  std::vector<std::int64_t> durations_;
+  std::int64_t totalCount_ = 0;
+  std::int64_t failedCount_ = 0;
+  std::int64_t totalAudioMs_ = 0;
+  std::int64_t totalSynthMs_ = 0;
+};
+
+}  // namespace kelvo
