@@ -132,8 +132,11 @@ BuiltPack build(const std::vector<std::string>& airlineKeys, const std::vector<s
   }
   Json airlines = Json::object();
   for (const auto& [key, id] : selection.bindings) airlines[key] = id;
-  const Json manifest{{"format", packFormat},     {"version", kPackVersion}, {"exportedAt", utcNow()},
-                      {"voices", std::move(voices)}, {"airlines", std::move(airlines)}};
+  const Json manifest{{"format", packFormat},
+                      {"version", kPackVersion},
+                      {"exportedAt", utcNow()},
+                      {"voices", std::move(voices)},
+                      {"airlines", std::move(airlines)}};
   if (!writer.add({std::string(packManifest), jsonData(manifest, /*pretty=*/true)})) throw tooLargeError();
   built.archive = writer.finish();
   summary.voices = static_cast<std::int64_t>(selection.voices.size());
@@ -157,7 +160,7 @@ TtsError cannotOpen(const ZipError& error) {
   return refusal(TF("无法打开这个文件(%s)。.cln 是一个 zip 包 - 是不是选错了文件?", error.description()));
 }
 
-TtsError corruptEntry(std::string_view name) { return refusal(TF("包里的 %s 已损坏,无法读取。", std::string(name))); }
+std::string corruptEntry(std::string_view name) { return TF("包里的 %s 已损坏,无法读取。", std::string(name)); }
 
 // The manifest, or the refusal that ends the import before anything changed.
 Json readManifest(ZipReader& reader) {
@@ -167,12 +170,12 @@ Json readManifest(ZipReader& reader) {
   auto bytes = reader.read(packManifest);
   std::optional<Json> manifest;
   if (bytes.ok() && bytes.value()) manifest = parseJsonObject(*bytes.value());
-  if (!manifest) throw corruptEntry(packManifest);
+  if (!manifest) throw refusal(corruptEntry(packManifest));
   if (jStr(*manifest, "format") != packFormat) throw refusal(T("这不是 KELVO 克隆包(格式不符)。"));
   const auto voices = manifest->find("voices");
   const auto airlines = manifest->find("airlines");
   if (voices == manifest->end() || !voices->is_array() || (airlines != manifest->end() && !airlines->is_object())) {
-    throw corruptEntry(packManifest);
+    throw refusal(corruptEntry(packManifest));
   }
   return std::move(*manifest);
 }
@@ -196,7 +199,7 @@ struct Importer {
       const std::string entry = std::string(kAudioFolder) + file;
       auto bytes = reader.read(entry);
       if (!bytes.ok()) {
-        summary.notes.push_back(TF("包里的 %s 已损坏,无法读取。", entry));
+        summary.notes.push_back(corruptEntry(entry));
       } else if (!bytes.value()) {
         summary.notes.push_back(TF("“%s”缺少一段音频(%s),已跳过这一段", spec.display, file));
       } else {
@@ -275,9 +278,14 @@ std::string PackSummary::describe() const {
 }
 
 Json packSummaryJson(const PackSummary& s) {
-  return Json{{"voices", s.voices},   {"voices_added", s.voicesAdded}, {"voices_reused", s.voicesReused},
-              {"bindings", s.bindings}, {"clips", s.clips},            {"bytes", s.bytes},
-              {"notes", s.notes},       {"summary", s.describe()}};
+  return Json{{"voices", s.voices},
+              {"voices_added", s.voicesAdded},
+              {"voices_reused", s.voicesReused},
+              {"bindings", s.bindings},
+              {"clips", s.clips},
+              {"bytes", s.bytes},
+              {"notes", s.notes},
+              {"summary", s.describe()}};
 }
 
 BuiltPack buildPack(const std::vector<std::string>& airlineKeys, const std::vector<std::string>& voiceIds,
@@ -285,8 +293,8 @@ BuiltPack buildPack(const std::vector<std::string>& airlineKeys, const std::vect
   return build(airlineKeys, voiceIds, voices, &config);
 }
 
-PackSummary exportPack(const std::string& path, const std::vector<std::string>& airlineKeys,
-                       const VoiceLibrary& voices, const AppConfig& config) {
+PackSummary exportPack(const std::string& path, const std::vector<std::string>& airlineKeys, const VoiceLibrary& voices,
+                       const AppConfig& config) {
   PackSummary summary = writePack(path, build(airlineKeys, {}, voices, &config));
   AppLog::info(kSource, "exported pack " + path + ": " + logText(summary));
   return summary;
@@ -313,13 +321,16 @@ std::string packFingerprint(const std::vector<std::string>& voiceIds, const std:
   // Each entry's fields as a JSON array, so no text inside a field can make
   // two different contents read alike.
   std::string text;
-  auto entry = [&](std::string_view tag, const Json& fields) { text += std::string(tag) + jsonString(fields, false) + "\n"; };
+  auto entry = [&](std::string_view tag, const Json& fields) {
+    text += std::string(tag) + jsonString(fields, false) + "\n";
+  };
   for (const auto& [key, id] : selection.bindings) entry("B|", Json::array({key, id}));
   for (const VoiceInfo& v : selection.voices) {
     entry("V|", Json::array({v.id, v.display, languageCode(v), code(v.gender), v.style, v.note}));
     for (const VoiceClip& clip : v.clips) {
       const auto bytes = readClip(voices, clip);
-      entry("C|", Json::array({v.id, clip.fileName, clip.text, clip.durationMs, bytes ? sha256Bytes(*bytes) : "missing"}));
+      entry("C|",
+            Json::array({v.id, clip.fileName, clip.text, clip.durationMs, bytes ? sha256Bytes(*bytes) : "missing"}));
     }
   }
   for (const auto& id : selection.unknownIds) entry("V|", Json::array({id, "missing"}));

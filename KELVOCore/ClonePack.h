@@ -70,8 +70,8 @@ BuiltPack buildPack(const std::vector<std::string>& airlineKeys, const std::vect
                     const VoiceLibrary& voices, const AppConfig& config);
 // buildPack() of bindings only, written atomically to `path`. Throws TtsError
 // as buildPack, and cloneFailed when the file cannot be written.
-PackSummary exportPack(const std::string& path, const std::vector<std::string>& airlineKeys,
-                       const VoiceLibrary& voices, const AppConfig& config);
+PackSummary exportPack(const std::string& path, const std::vector<std::string>& airlineKeys, const VoiceLibrary& voices,
+                       const AppConfig& config);
 // The named voices only, with no bindings, written to `path`. Throws as exportPack.
 PackSummary exportVoicePack(const std::string& path, const std::vector<std::string>& voiceIds,
                             const VoiceLibrary& voices);

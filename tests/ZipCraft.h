@@ -2,11 +2,10 @@
 // patched field by field into the shapes a hostile archive takes.
 #pragma once
 
-#include <cstring>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <vector>
-
-#include <zlib.h>
 
 #include "KELVOCore/Zip.h"
 
@@ -43,53 +42,6 @@ inline std::size_t centralRecord(const Bytes& zip, std::string_view name) {
     at += 46 + nameBytes;
   }
   throw std::runtime_error("no central record for " + std::string(name));
-}
-
-// Raw DEFLATE of `data` at the best ratio.
-inline Bytes rawDeflate(const Bytes& data) {
-  z_stream z{};
-  deflateInit2(&z, 9, Z_DEFLATED, -15, 9, Z_DEFAULT_STRATEGY);
-  Bytes out(deflateBound(&z, data.size()));
-  z.next_in = const_cast<Bytef*>(data.data());
-  z.avail_in = static_cast<uInt>(data.size());
-  z.next_out = out.data();
-  z.avail_out = static_cast<uInt>(out.size());
-  deflate(&z, Z_FINISH);
-  out.resize(z.total_out);
-  deflateEnd(&z);
-  return out;
-}
-
-// A one-entry archive with whatever header values a test wants: `data` as it
-// stands in the archive, and the method, CRC and size the headers claim.
-inline Bytes rawZip(std::string_view name, const Bytes& data, std::uint16_t method, std::uint32_t crc,
-                    std::uint32_t usize) {
-  Bytes zip(30 + name.size());
-  put32(zip, 0, 0x04034B50);
-  put16(zip, 4, 20);
-  put16(zip, 8, method);
-  put32(zip, 14, crc);
-  put32(zip, 18, static_cast<std::uint32_t>(data.size()));
-  put32(zip, 22, usize);
-  put16(zip, 26, static_cast<std::uint32_t>(name.size()));
-  std::memcpy(&zip[30], name.data(), name.size());
-  zip.insert(zip.end(), data.begin(), data.end());
-  const std::size_t central = zip.size();
-  zip.resize(central + 46 + name.size() + 22, 0);
-  put32(zip, central, 0x02014B50);
-  put16(zip, central + 10, method);
-  put32(zip, central + 16, crc);
-  put32(zip, central + 20, static_cast<std::uint32_t>(data.size()));
-  put32(zip, central + 24, usize);
-  put16(zip, central + 28, static_cast<std::uint32_t>(name.size()));
-  std::memcpy(&zip[central + 46], name.data(), name.size());
-  const std::size_t end = central + 46 + name.size();
-  put32(zip, end, 0x06054B50);
-  put16(zip, end + 8, 1);
-  put16(zip, end + 10, 1);
-  put32(zip, end + 12, static_cast<std::uint32_t>(46 + name.size()));
-  put32(zip, end + 16, static_cast<std::uint32_t>(central));
-  return zip;
 }
 
 }  // namespace kelvo::test
