@@ -12,7 +12,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bench="${1:-build}/kelvo-bench"
-for tool in "$bench" zip unzip jq /usr/bin/time; do
+for tool in "$bench" zip unzip /usr/bin/time; do
   command -v "$tool" >/dev/null || { echo "pack-bench: $tool is missing" >&2; exit 1; }
 done
 work=$(mktemp -d)
@@ -21,7 +21,8 @@ export KELVO_PACK_BENCH_DIR="$work"
 
 # ms of one Google Benchmark run, given its filter.
 kelvo_ms() {
-  "$bench" --benchmark_filter="^$1/" --benchmark_format=json 2>/dev/null | jq '.benchmarks[0].real_time | floor'
+  "$bench" --benchmark_filter="^$1/" --benchmark_format=json 2>/dev/null |
+    awk -F'[:,]' '/"real_time"/ { printf "%d\n", $2; exit }'
 }
 
 # Best of 3 wall-clock runs of a command, in ms; `prepare` runs untimed before each.
