@@ -91,6 +91,46 @@ void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
       "no model under bin yet; this is audible fake audio, only to prove the pipeline works"};
 }
 
+void addClonePack(std::unordered_map<std::string, JaEn>& t) {
+  t["%d 个声音(%d 个新增,%d 个复用)· %d 段音频 · %d 个绑定 · %.1f MB"] = {
+      "音声 %d 件(新規 %d、再利用 %d)· クリップ %d 件 · 割り当て %d 件 · %.1f MB",
+      "%d voice(s) (%d new, %d reused) · %d clip(s) · %d binding(s) · %.1f MB"};
+  // Export.
+  t["没有绑定 %s,已略过"] = {"割り当て %s はないため、省きました", "there is no binding %s; it was left out"};
+  t["声音 %s 已不存在(绑定 %s 引用了它),没有放进包里"] = {
+      "音声 %s(割り当て %s が参照)はもう存在しないため、パックに含めませんでした",
+      "the voice %s referenced by binding %s no longer exists and was left out"};
+  t["%s 缺少一段参考音频(%s),没有放进包里"] = {"%s の参照音声(%s)が見つからないため、パックに含めていません",
+                                            "%s is missing a reference clip (%s); it is not in the pack"};
+  t["这个声音包超出了 zip 的限制(单个文件 64 MB、合计 512 MB、65535 个文件),请少选几个声音"] = {
+      "このパックは zip の上限(1 ファイル 64 MB、合計 512 MB、65535 ファイル)を超えます。音声を減らしてください",
+      "this pack would break the zip limits (64 MB per file, 512 MB in all, 65535 files); choose fewer voices"};
+  t["无法写入声音包:%s"] = {"パックを書き込めません: %s", "cannot write the pack: %s"};
+  // Import: the refusals of a whole pack.
+  t["无法打开这个文件(%s)。.cln 是一个 zip 包 - 是不是选错了文件?"] = {
+      "このファイルを開けません(%s)。.cln は zip パッケージです - ファイルを間違えていませんか?",
+      "cannot open this file (%s). A .cln is a zip package - did you pick the wrong file?"};
+  t["包里没有 %s - 这不是 KELVO 克隆包。"] = {"パックに %s がありません - KELVO のクローンパックではありません。",
+                                          "the pack has no %s - this is not an KELVO clone pack."};
+  t["包里的 %s 已损坏,无法读取。"] = {"パック内の %s は壊れていて読み取れません。",
+                                  "%s inside the pack is corrupt and cannot be read."};
+  t["这不是 KELVO 克隆包(格式不符)。"] = {"KELVO のクローンパックではありません(形式が一致しません)。",
+                                      "this is not an KELVO clone pack (format does not match)."};
+  // Import: notes on single voices and bindings.
+  t["“%s”缺少一段音频(%s),已跳过这一段"] = {"「%s」のクリップ(%s)が見つからないため、そのクリップはスキップしました",
+                                        "\"%s\" is missing a clip (%s); that clip was skipped"};
+  t["“%s”完全没有音频,无法导入"] = {"「%s」には音声がまったくないため、インポートできません",
+                                  "\"%s\" has no audio at all and cannot be imported"};
+  t["“%s”已经存在,没有重复导入"] = {"「%s」はすでに存在するため、再インポートしませんでした",
+                                  "\"%s\" already exists, so it was not imported again"};
+  t["导入“%s”失败:%s"] = {"「%s」のインポートに失敗しました: %s", "failed to import \"%s\": %s"};
+  t["“%s”不是有效的绑定键,已略过"] = {"「%s」は有効な割り当てキーではないため、省きました",
+                                   "\"%s\" is not a valid binding key; it was dropped"};
+  t["绑定 %s 指向的声音没有导入,已略过这个绑定"] = {
+      "割り当て %s の音声がインポートされなかったため、この割り当ては省きました",
+      "binding %s points at a voice that was not imported; it was dropped"};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -102,6 +142,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addSelfTest(t);
     addQueue(t);
     addPlaceholder(t);
+    addClonePack(t);
     return t;
   }();
   return table;
