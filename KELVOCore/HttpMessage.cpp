@@ -132,7 +132,7 @@ std::string_view reasonPhrase(std::int64_t status) {
   }
 }
 
-std::string serializeResponseHead(const HttpResponse& response, bool close) {
+std::string serializeResponseHead(const HttpResponse& response, std::uint64_t contentLength, bool close) {
   std::string out;
   out.reserve(160);
   out += "HTTP/1.1 ";
@@ -148,13 +148,13 @@ std::string serializeResponseHead(const HttpResponse& response, bool close) {
     out += "\r\n";
   }
   out += "Content-Length: ";
-  out += std::to_string(response.body.size());
+  out += std::to_string(contentLength);
   out += close ? "\r\nConnection: close\r\n\r\n" : "\r\nConnection: keep-alive\r\n\r\n";
   return out;
 }
 
 Bytes serializeResponse(const HttpResponse& response, bool close) {
-  const std::string head = serializeResponseHead(response, close);
+  const std::string head = serializeResponseHead(response, response.body.size(), close);
   Bytes out;
   out.reserve(head.size() + response.body.size());
   out.insert(out.end(), head.begin(), head.end());

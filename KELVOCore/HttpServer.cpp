@@ -4,7 +4,11 @@
 #include <ifaddrs.h>
 #include <netinet/in.h>
 #include <pthread.h>
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -94,6 +98,51 @@ void raiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// A response body sent from a file with sendfile(), straight from the page
+// cache. The file is opened as soon as the handler returns, so one replaced or
+// deleted afterwards still goes out whole, as it was.
+class FileBody {
+ public:
+  FileBody() = default;
+  FileBody(FileBody&& other) noexcept : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
+  FileBody& operator=(FileBody&& other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = std::exchange(other.fd_, -1);
+      size_ = other.size_;
+    }
+    return *this;
+  }
+  ~FileBody() { reset(); }
+
+  // The body file of `response`; when it cannot be opened, `response` becomes a 500.
+  static FileBody open(HttpResponse& response) {
+    FileBody f;
+    if (response.bodyFile.empty()) return f;
+    f.fd_ = ::open(response.bodyFile.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st {};
+    if (f.fd_ >= 0 && fstat(f.fd_, &st) == 0 && S_ISREG(st.st_mode)) {
+      f.size_ = static_cast<std::uint64_t>(st.st_size);
+      return f;
+    }
+    AppLog::error("http", "cannot open the response file " + response.bodyFile);
+    response = HttpResponse::error(500, "internal_error", TF("服务内部出错:%s", T("要发送的文件打不开")));
+    return FileBody();
+  }
+  void reset() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    size_ = 0;
+  }
+  bool isOpen() const { return fd_ >= 0; }
+  int fd() const { return fd_; }
+  std::uint64_t size() const { return size_; }
+
+ private:
+  int fd_ = -1;
+  std::uint64_t size_ = 0;
+};
+
 TtsError portInUse(std::int64_t port) {
   return TtsError(TtsErrorCode::none, TF("端口 %d 已经被占用了。", static_cast<int>(port)) + "\n" +
                                           T("要么已经有另一个 KELVO 在运行(看看托盘),") + "\n" +
@@ -113,8 +162,6 @@ struct HttpServer::Impl {
   const Handler handler;
   const Options options;
 
-  // Declared before the I/O objects: sessions still queued in the io_context
-  // when it is destroyed unregister themselves here.
   mutable std::mutex lock;  // guards the four below
   bool running = false;
   std::int64_t boundPort = 0;
@@ -136,14 +183,17 @@ struct HttpServer::Impl {
   bool firstBreach(Breach kind) { return !logged[static_cast<std::size_t>(kind)].exchange(true); }
 
   HttpResponse runHandler(const HttpRequest& request) const {
+    std::string what = "an unknown exception";
     try {
       return handler(request);
     } catch (const TtsError& e) {
       return HttpResponse::error(e.httpStatus(), errorName(e.code), e.message);
     } catch (const std::exception& e) {
-      AppLog::error("http", "handler failed on " + request.method + " " + request.path + ": " + e.what());
-      return HttpResponse::error(500, "internal_error", TF("服务内部出错:%s", std::string(e.what())));
+      what = e.what();
+    } catch (...) {
     }
+    AppLog::error("http", "handler failed on " + request.method + " " + request.path + ": " + what);
+    return HttpResponse::error(500, "internal_error", TF("服务内部出错:%s", what));
   }
 
   void accept();
@@ -170,6 +220,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   void start() {
     ErrorCode ec;
     socket_.set_option(tcp::no_delay(true), ec);
+    socket_.native_non_blocking(true, ec);  // for sendfile(); Asio's own operations do not mind
     timer_.expires_at(Clock::time_point::max());
     awaitRequest();
   }
@@ -284,18 +335,56 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     server_.workers.post([self = shared_from_this(), request = toRequest(std::move(message), peer_)] {
       if (self->abandoned_.load(std::memory_order_acquire)) return;
       HttpResponse response = self->server_.runHandler(request);
-      asio::post(self->strand_, [self, response = std::move(response)]() mutable { self->respond(std::move(response)); });
+      FileBody file = FileBody::open(response);
+      asio::post(self->strand_, [self, response = std::move(response), file = std::move(file)]() mutable {
+        self->respond(std::move(response), std::move(file));
+      });
     });
   }
 
-  void respond(HttpResponse response) {
+  void respond(HttpResponse response, FileBody file = {}) {
     if (phase_ == Phase::closed) return;
-    head_ = serializeResponseHead(response, close_);
-    body_ = std::move(response.body);
     phase_ = Phase::writing;
     setDeadline(server_.options.idleTimeout);
+    if (file.isOpen()) {
+      file_ = std::move(file);
+      head_ = serializeResponseHead(response, file_.size(), close_);
+      headSent_ = 0;
+      fileSent_ = 0;
+      return sendHeadAndFile();
+    }
+    head_ = serializeResponseHead(response, response.body.size(), close_);
+    body_ = std::move(response.body);
     const std::array<asio::const_buffer, 2> parts{asio::buffer(head_), asio::buffer(body_)};
     asio::async_write(socket_, parts, [self = shared_from_this()](const ErrorCode& ec, std::size_t) { self->onWritten(ec); });
+  }
+
+  // Non-blocking send() and sendfile() until done or the socket is full, then
+  // again once it can take more. The head goes with MSG_MORE so that it shares
+  // a segment with the start of the file.
+  void sendHeadAndFile() {
+    const int socket = socket_.native_handle();
+    while (headSent_ < head_.size() || fileSent_ < file_.size()) {
+      ssize_t n = 0;
+      if (headSent_ < head_.size()) {
+        n = ::send(socket, head_.data() + headSent_, head_.size() - headSent_, MSG_MORE | MSG_NOSIGNAL);
+        if (n > 0) headSent_ += static_cast<std::size_t>(n);
+      } else {
+        auto offset = static_cast<off_t>(fileSent_);
+        n = ::sendfile(socket, file_.fd(), &offset, std::min<std::uint64_t>(file_.size() - fileSent_, 1u << 30));
+        if (n > 0) fileSent_ += static_cast<std::uint64_t>(n);
+      }
+      if (n > 0 || (n < 0 && errno == EINTR)) continue;
+      // A file that shrank under us cannot fill the promised length: give up the connection.
+      if (n == 0 || errno != EAGAIN) return close();
+      socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const ErrorCode& ec) {
+        if (self->phase_ == Phase::closed) return;
+        if (ec) return self->close();
+        self->sendHeadAndFile();
+      });
+      return;
+    }
+    onWritten({});
   }
 
   void onWritten(const ErrorCode& ec) {
@@ -303,6 +392,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     if (ec) return close();
     head_.clear();
     Bytes().swap(body_);
+    file_.reset();
     if (close_) return linger();
     awaitRequest();
   }
@@ -379,6 +469,9 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   bool continueSent_ = false;  // "100 Continue" already went out for this request
   std::string head_;           // the response being written
   Bytes body_;
+  FileBody file_;              // or its body as a file
+  std::size_t headSent_ = 0;
+  std::uint64_t fileSent_ = 0;
   std::atomic<bool> abandoned_{false};
 };
 

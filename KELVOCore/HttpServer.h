@@ -13,15 +13,15 @@
 // Limits, so a LAN client cannot exhaust memory or sockets: headers 64 KiB
 // (400 and close), body 64 MiB (413 before the body is read, then close), 30 s
 // to receive a request once its first byte arrived, 120 s idle on keep-alive
-// or without progress while a response is sent, 1024 open connections (more
-// are accepted and closed at once). No timer runs while a handler works. Each
+// and 120 s to send a response, 1024 open connections (more are accepted and
+// closed at once). No timer runs while a handler works. Each
 // kind of breach is logged (source "http") the first time it happens.
 //
 // Thread-safe: start() and stop() may be called from any thread but a handler;
 // the handler is called concurrently from the worker pool and must be
 // thread-safe itself. Cost per request: two thread hand-offs (I/O thread to
 // worker and back) and one gathered write of header and body; the body is
-// never copied on the way out.
+// never copied on the way out, and a `bodyFile` not even into the process.
 #pragma once
 
 #include <chrono>
@@ -58,6 +58,10 @@ struct HttpResponse {
   std::int64_t status = 200;
   std::map<std::string, std::string> headers;
   Bytes body;
+  // When set, the body is this file's content instead of `body`, sent with
+  // sendfile() from the page cache (no copy through the process). A file that
+  // cannot be opened when the handler returns turns the answer into a 500.
+  std::string bodyFile;
 
   // Serialised JSON ("{}" when it cannot be), "application/json; charset=utf-8".
   static HttpResponse json(std::int64_t status, const Json& object);
@@ -69,13 +73,14 @@ struct HttpResponse {
 // The phrase of the status line; "OK" for any status not in the table.
 std::string_view reasonPhrase(std::int64_t status);
 
-// The bytes sent for `response`: status line, headers in ascending name order,
-// then "Content-Length" and "Connection" ("close" or "keep-alive"), blank line,
-// body. Handler headers named Content-Length or Connection (any case) are left
-// out; CR and LF inside names and values become spaces.
+// The bytes sent for an in-memory `response` (`bodyFile` is not looked at):
+// status line, headers in ascending name order, then "Content-Length" and
+// "Connection" ("close" or "keep-alive"), blank line, body. Handler headers
+// named Content-Length or Connection (any case) are left out; CR and LF
+// inside names and values become spaces.
 Bytes serializeResponse(const HttpResponse& response, bool close);
-// The same without the body: everything up to and including the blank line.
-std::string serializeResponseHead(const HttpResponse& response, bool close);
+// The same up to and including the blank line, for a body of `contentLength` bytes.
+std::string serializeResponseHead(const HttpResponse& response, std::uint64_t contentLength, bool close);
 
 class HttpServer {
  public:
@@ -105,7 +110,8 @@ class HttpServer {
   // Binds (address reuse on) and listens; binding is synchronous, so this
   // returns well within 5 s. Throws TtsError with the three-line port-in-use
   // message when the address cannot be bound, leaving no listener. Logs
-  // "service started on " + endpoint(). Does nothing while running.
+  // "service started on " + endpoint(). Does nothing while running. Raises
+  // the process's soft descriptor limit when it is too low for 1024 clients.
   void start();
   // Closes the listener and every connection and waits for the I/O threads.
   // Handlers still running finish, but their responses are dropped; queued

@@ -69,7 +69,8 @@ struct WorkerPool::State {
         work.wait(guard, ready);
       }
       --idle;
-      if (!woke) break;
+      // Several extra threads may time out together; only the surplus leaves.
+      if (!woke && threads > core) break;
     }
     --threads;
     exited.notify_all();

@@ -9,10 +9,12 @@
 
 #include <atomic>
 #include <future>
+#include <stdexcept>
 #include <thread>
 
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
+#include "TestSupport.h"
 
 namespace kelvo {
 namespace {
@@ -53,14 +55,12 @@ class Client {
     const auto giveUp = Clock::now() + 10s;
     for (;;) {
       const std::size_t end = data_.find("\r\n\r\n");
-      if (end != std::string::npos) {
-        const std::size_t at = data_.find("Content-Length: ");
-        const std::size_t length = at < end ? std::stoul(data_.substr(at + 16)) : 0;
-        if (data_.size() >= end + 4 + length) {
-          std::string r = data_.substr(0, end + 4 + length);
-          data_.erase(0, r.size());
-          return r;
-        }
+      const std::size_t at = data_.find("Content-Length: ");
+      const std::size_t length = end != std::string::npos && at < end ? std::stoul(data_.substr(at + 16, 20)) : 0;
+      if (end != std::string::npos && data_.size() >= end + 4 + length) {
+        std::string r = data_.substr(0, end + 4 + length);
+        data_.erase(0, r.size());
+        return r;
       }
       if (Clock::now() > giveUp || !pump(100ms)) return {};
     }
@@ -94,10 +94,13 @@ struct EchoServer {
   HttpResponse handle(const HttpRequest& r) {
     ++calls;
     if (r.path == "/block") gate.wait();
+    if (r.path == "/missing") throw TtsError(TtsErrorCode::notFound, "gone");
+    if (r.path == "/crash") throw std::runtime_error("boom");
     std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(r.queryValue("sleep", "0"))));
     HttpResponse response = HttpResponse::text(std::stoi(r.queryValue("status", "200")), r.method + " " + r.path + " " + r.bodyText());
     response.headers["X-b"] = "2";
     response.headers["A-first"] = "1";
+    response.bodyFile = r.queryValue("file");
     return response;
   }
   std::int64_t port() const { return server.boundPort(); }
@@ -145,7 +148,7 @@ TEST(HttpMessageTest, RequestAccessorsAndResponseBytes) {
             "X-Evil: a  Set-Cookie: b\r\nContent-Length: 42\r\nConnection: close\r\n\r\n"
             "{\"error\":\"body_too_large\",\"message\":\"big\"}");
   const HttpResponse t = HttpResponse::text(201, "hi");
-  EXPECT_EQ(serializeResponseHead(t, false),
+  EXPECT_EQ(serializeResponseHead(t, 2, false),
             "HTTP/1.1 201 OK\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: 2\r\nConnection: keep-alive\r\n\r\n");
 }
 
@@ -181,6 +184,30 @@ TEST(HttpServerTest, SegmentsPipeliningAndClose) {
   EXPECT_EQ(e.response(), "HTTP/1.1 100 Continue\r\n\r\n");
   e.send("ok");
   EXPECT_EQ(body(e.response()), "PUT /up ok");
+  // A handler's exception becomes an error answer; the connection lives on.
+  e.send(request("/missing") + request("/crash"));
+  const std::string missing = e.response();
+  EXPECT_TRUE(missing.starts_with("HTTP/1.1 404 Not Found\r\n")) << missing;
+  EXPECT_EQ(body(missing), R"({"error":"not_found","message":"gone"})");
+  const std::string crash = e.response();
+  EXPECT_TRUE(crash.starts_with("HTTP/1.1 500 Internal Server Error\r\n")) << crash;
+  EXPECT_NE(crash.find("internal_error"), std::string::npos);
+}
+
+TEST(HttpServerTest, FileBodiesGoOutWhole) {
+  test::TempDir dir;
+  std::string content(6 << 20, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 % 251);
+  test::writeTextFile(dir.path() + "line.wav", content);
+  EchoServer s;
+  Client c(s.port());  // 6 MB is more than a socket takes at once: the send must resume
+  c.send(request("/f?file=" + dir.path() + "line.wav") + request("/f?file=" + dir.path() + "gone.wav") + request("/after"));
+  const std::string file = c.response();
+  EXPECT_NE(file.find("\r\nContent-Length: 6291456\r\n"), std::string::npos);
+  EXPECT_TRUE(body(file) == content);
+  const std::string gone = c.response();
+  EXPECT_TRUE(gone.starts_with("HTTP/1.1 500 Internal Server Error\r\n")) << gone;
+  EXPECT_EQ(body(c.response()), "GET /after ");
 }
 
 TEST(HttpServerTest, RefusalsAnswerThenClose) {
