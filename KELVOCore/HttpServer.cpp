@@ -51,6 +51,8 @@ constexpr std::size_t bodyReadBytes = 256 * 1024;
 // connection and could destroy the response before the client has read it.
 constexpr std::chrono::milliseconds lingerTime = std::chrono::seconds(2);
 constexpr std::string_view continueResponse = "HTTP/1.1 100 Continue\r\n\r\n";
+// Ends the log line of a breach, which is logged the first time only.
+const std::string onlyOnce = " (later cases are not logged)";
 
 // Each kind is logged the first time it happens in a server's life.
 enum class Breach : int { headers, body, malformed, receiveTimeout, idleTimeout, sendTimeout, connections, accept, count };
@@ -162,7 +164,7 @@ struct HttpServer::Impl {
   const Handler handler;
   const Options options;
 
-  mutable std::mutex lock;  // guards the four below
+  mutable std::mutex lock;  // guards the three below
   bool running = false;
   std::int64_t boundPort = 0;
   std::unordered_map<Session*, std::weak_ptr<Session>> sessions;
@@ -306,22 +308,22 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     if (ec == http::error::header_limit) {
       if (server_.firstBreach(Breach::headers)) {
         AppLog::warn("http", "request headers from " + peer_ + " over " + std::to_string(maxHeaderBytes) +
-                                 " bytes: answered 400 and closed (later cases are not logged)");
+                                 " bytes: answered 400 and closed" + onlyOnce);
       }
       return respond(HttpResponse::error(400, "headers_too_large",
                                          TF("请求头超过了 %d KB 的上限", static_cast<int>(maxHeaderBytes / 1024))));
     }
     if (ec == http::error::body_limit) {
       if (server_.firstBreach(Breach::body)) {
-        AppLog::warn("http", "request body from " + peer_ + " declared over " + std::to_string(maxBodyBytes) +
-                                 " bytes: answered 413 and closed (later cases are not logged)");
+        AppLog::warn("http", "request body from " + peer_ + " over " + std::to_string(maxBodyBytes) +
+                                 " bytes: answered 413 and closed" + onlyOnce);
       }
       return respond(HttpResponse::error(413, "body_too_large",
                                          TF("请求体超过了 %d MB 的上限", static_cast<int>(maxBodyBytes >> 20))));
     }
     if (server_.firstBreach(Breach::malformed)) {
       AppLog::warn("http", "unparsable request from " + peer_ + " (" + ec.message() +
-                               "): answered 400 and closed (later cases are not logged)");
+                               "): answered 400 and closed" + onlyOnce);
     }
     respond(HttpResponse::error(400, "bad_request", T("无法解析这个 HTTP 请求")));
   }
@@ -436,13 +438,13 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     const Options& o = server_.options;
     if (phase_ == Phase::idle && server_.firstBreach(Breach::idleTimeout)) {
       AppLog::info("http", "keep-alive connection from " + peer_ + " idle for " + ms(o.idleTimeout) +
-                               ": closed (later cases are not logged)");
+                               ": closed" + onlyOnce);
     } else if (phase_ == Phase::receiving && server_.firstBreach(Breach::receiveTimeout)) {
       AppLog::warn("http", "request from " + peer_ + " not complete within " + ms(o.receiveTimeout) +
-                               " of its first byte: closed (later cases are not logged)");
+                               " of its first byte: closed" + onlyOnce);
     } else if (phase_ == Phase::writing && server_.firstBreach(Breach::sendTimeout)) {
       AppLog::warn("http", "response to " + peer_ + " made no progress for " + ms(o.idleTimeout) +
-                               ": closed (later cases are not logged)");
+                               ": closed" + onlyOnce);
     }
   }
 
@@ -490,7 +492,7 @@ void HttpServer::Impl::onAccept(const ErrorCode& ec, Socket socket) {
                          ec == asio::error::no_memory || ec.value() == ENFILE;
     if (!starved) return accept();
     if (firstBreach(Breach::accept)) {
-      AppLog::error("http", "accepting connections failed (" + ec.message() + "); retrying every 100 ms (later cases are not logged)");
+      AppLog::error("http", "accepting connections failed (" + ec.message() + "); retrying every 100 ms" + onlyOnce);
     }
     acceptRetry.expires_after(std::chrono::milliseconds(100));
     acceptRetry.async_wait([this](const ErrorCode& e) {
@@ -513,7 +515,7 @@ void HttpServer::Impl::onAccept(const ErrorCode& ec, Socket socket) {
     asio::post(strand, [session] { session->start(); });
   } else if (full && firstBreach(Breach::connections)) {
     AppLog::warn("http", "more than " + std::to_string(maxConnections) + " open connections: closed the one from " + peer +
-                             " at once (later cases are not logged)");
+                             " at once" + onlyOnce);
   }
   accept();
 }
@@ -522,7 +524,7 @@ HttpServer::HttpServer(std::string bindAddress, std::int64_t port, Handler handl
     : HttpServer(std::move(bindAddress), port, std::move(handler), Options{}) {}
 
 HttpServer::HttpServer(std::string bindAddress, std::int64_t port, Handler handler, Options options)
-    : impl_(std::make_shared<Impl>(std::move(bindAddress), port, std::move(handler), options)) {}
+    : impl_(std::make_unique<Impl>(std::move(bindAddress), port, std::move(handler), options)) {}
 
 HttpServer::~HttpServer() { stop(); }
 

@@ -14,8 +14,8 @@
 // (400 and close), body 64 MiB (413 before the body is read, then close), 30 s
 // to receive a request once its first byte arrived, 120 s idle on keep-alive
 // and 120 s to send a response, 1024 open connections (more are accepted and
-// closed at once). No timer runs while a handler works. Each
-// kind of breach is logged (source "http") the first time it happens.
+// closed at once). No timer runs while a handler works. Each kind of breach
+// is logged (source "http") the first time it happens.
 //
 // Thread-safe: start() and stop() may be called from any thread but a handler;
 // the handler is called concurrently from the worker pool and must be
@@ -42,9 +42,9 @@ struct HttpRequest {
   std::string method;  // as received
   std::string path;    // the target before "?"
   std::string query;   // after "?", without it
-  std::map<std::string, std::string> headers;  // names as received
+  std::map<std::string, std::string> headers;  // names as received; a repeated one keeps its last value
   Bytes body;
-  std::string peer;  // the client's address
+  std::string peer;  // the client's IP address, without the port
 
   // The header's value looked up ignoring case; "" when absent.
   std::string header(std::string_view name) const;
@@ -124,7 +124,7 @@ class HttpServer {
 
  private:
   struct Impl;
-  std::shared_ptr<Impl> impl_;
+  std::unique_ptr<Impl> impl_;
 };
 
 // The addresses other machines reach the service at: non-loopback,
