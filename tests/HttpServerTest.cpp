@@ -84,8 +84,8 @@ std::string request(std::string_view target, std::string_view extra = "") {
   return "GET " + std::string(target) + " HTTP/1.1\r\nHost: x\r\n" + std::string(extra) + "\r\n";
 }
 
-// Answers "METHOD path body" with the status of ?status=, after ?sleep= ms, or
-// once `gate` opens for /block.
+// Answers "METHOD path body" with the status of ?status=, after ?sleep= ms,
+// from ?file= when given, or once `gate` opens for /block; /missing and /crash throw.
 struct EchoServer {
   explicit EchoServer(HttpServer::Options options = {})
       : server("127.0.0.1", 0, [this](const HttpRequest& r) { return handle(r); }, options) {
@@ -315,8 +315,13 @@ TEST(HttpServerTest, PortInUseAndSlowHandlersBlockNobody) {
   EXPECT_FALSE(s->server.isRunning());
   for (auto& c : blocked) EXPECT_TRUE(c->closedWithin(5s));
   for (auto& c : blocked) EXPECT_EQ(c->data(), "");
+  // Started again, it serves; the released handlers' answers go nowhere.
   s->opener.set_value();
-  s.reset();  // waits for the released handlers
+  s->server.start();
+  Client again(s->port());
+  again.send(request("/again"));
+  EXPECT_EQ(body(again.response()), "GET /again ");
+  s.reset();
 }
 
 TEST(HttpServerTest, ReachableUrls) {
