@@ -3,19 +3,28 @@
 // HttpRequest, runs the one handler on a worker pool (never on an I/O thread,
 // so a request that waits minutes for the engine holds up nobody else) and
 // writes the handler's HttpResponse back. Keep-alive and pipelining are
-// supported; responses on one connection go out in request order. No TLS, no
-// chunked bodies. It knows nothing of the API: the handler is a plain function.
+// supported; a connection's requests are handled one at a time and answered in
+// order. A request that asks for "Connection: close" (or is HTTP/1.0 without
+// keep-alive) gets that header back, then the connection ends. No TLS;
+// responses are never chunked (a chunked request body is accepted and
+// decoded); "Expect: 100-continue" is answered before the body is read.
+// It knows nothing of the API: the handler is a plain function.
 //
 // Limits, so a LAN client cannot exhaust memory or sockets: headers 64 KiB
-// (400 and close), body 64 MiB (413 before the body is read), 30 s to receive
-// a request once its first byte arrived, 120 s idle on keep-alive, 1024 open
-// connections (more are accepted and closed at once). Each kind of breach is
-// logged the first time it happens.
+// (400 and close), body 64 MiB (413 before the body is read, then close), 30 s
+// to receive a request once its first byte arrived, 120 s idle on keep-alive
+// and 120 s to send a response, 1024 open connections (more are accepted and
+// closed at once). No timer runs while a handler works. Each kind of breach
+// is logged (source "http") the first time it happens.
 //
-// Thread-safe: start() and stop() may be called from any thread; the handler
-// is called concurrently from the worker pool and must be thread-safe itself.
+// Thread-safe: start() and stop() may be called from any thread but a handler;
+// the handler is called concurrently from the worker pool and must be
+// thread-safe itself. Cost per request: two thread hand-offs (I/O thread to
+// worker and back) and one gathered write of header and body; the body is
+// never copied on the way out, and a `bodyFile` not even into the process.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -33,9 +42,9 @@ struct HttpRequest {
   std::string method;  // as received
   std::string path;    // the target before "?"
   std::string query;   // after "?", without it
-  std::map<std::string, std::string> headers;  // names as received
+  std::map<std::string, std::string> headers;  // names as received; a repeated one keeps its last value
   Bytes body;
-  std::string peer;  // the client's address
+  std::string peer;  // the client's IP address, without the port
 
   // The header's value looked up ignoring case; "" when absent.
   std::string header(std::string_view name) const;
@@ -49,6 +58,10 @@ struct HttpResponse {
   std::int64_t status = 200;
   std::map<std::string, std::string> headers;
   Bytes body;
+  // When set, the body is this file's content instead of `body`, sent with
+  // sendfile() from the page cache (no copy through the process). A file that
+  // cannot be opened when the handler returns turns the answer into a 500.
+  std::string bodyFile;
 
   // Serialised JSON ("{}" when it cannot be), "application/json; charset=utf-8".
   static HttpResponse json(std::int64_t status, const Json& object);
@@ -60,9 +73,14 @@ struct HttpResponse {
 // The phrase of the status line; "OK" for any status not in the table.
 std::string_view reasonPhrase(std::int64_t status);
 
-// The bytes sent for `response`: status line, headers in ascending name order,
-// then "Content-Length" and "Connection" ("close" or "keep-alive"), blank line, body.
+// The bytes sent for an in-memory `response` (`bodyFile` is not looked at):
+// status line, headers in ascending name order, then "Content-Length" and
+// "Connection" ("close" or "keep-alive"), blank line, body. Handler headers
+// named Content-Length or Connection (any case) are left out; CR and LF
+// inside names and values become spaces.
 Bytes serializeResponse(const HttpResponse& response, bool close);
+// The same up to and including the blank line, for a body of `contentLength` bytes.
+std::string serializeResponseHead(const HttpResponse& response, std::uint64_t contentLength, bool close);
 
 class HttpServer {
  public:
@@ -74,17 +92,30 @@ class HttpServer {
   static constexpr int idleTimeoutSeconds = 120;
   static constexpr std::size_t maxConnections = 1024;
 
-  // Port 0 picks a free port (see boundPort()).
+  // Timings a test may shorten; the defaults are the limits above.
+  struct Options {
+    std::chrono::milliseconds receiveTimeout = std::chrono::seconds(receiveTimeoutSeconds);
+    std::chrono::milliseconds idleTimeout = std::chrono::seconds(idleTimeoutSeconds);
+  };
+
+  // Port 0 picks a free port (see boundPort()). Nothing listens before start().
   HttpServer(std::string bindAddress, std::int64_t port, Handler handler);
-  ~HttpServer();  // stop()
+  HttpServer(std::string bindAddress, std::int64_t port, Handler handler, Options options);
+  // stop(), then waits for handlers still running (their responses are dropped).
+  // REQUIRES: not called from a handler.
+  ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  // Listens, waiting at most 5 s. Throws TtsError with the three-line
-  // port-in-use message when the address cannot be bound.
+  // Binds (address reuse on) and listens; binding is synchronous, so this
+  // returns well within 5 s. Throws TtsError with the three-line port-in-use
+  // message when the address cannot be bound, leaving no listener. Logs
+  // "service started on " + endpoint(). Does nothing while running. Raises
+  // the process's soft descriptor limit when it is too low for 1024 clients.
   void start();
-  // Closes the listener and every connection; waits for the I/O threads.
-  // Handlers still running finish, but their responses are dropped.
+  // Closes the listener and every connection and waits for the I/O threads.
+  // Handlers still running finish, but their responses are dropped; queued
+  // ones never start. Idempotent; start() may be called again afterwards.
   void stop();
   bool isRunning() const;
   // "http://address:port" as clients are told.
@@ -93,12 +124,14 @@ class HttpServer {
 
  private:
   struct Impl;
-  std::shared_ptr<Impl> impl_;
+  std::unique_ptr<Impl> impl_;
 };
 
 // The addresses other machines reach the service at: non-loopback,
 // non-link-local IPv4 interfaces, private ranges first ("192.168." before the
 // other private ones), as "http://address:port"; "http://127.0.0.1:port" last.
+// That list is for a wildcard (or empty) `bindAddress`; bound to one address
+// or host name the service is reachable there only, so that is the one entry.
 std::vector<std::string> reachableUrls(const std::string& bindAddress, std::int64_t port);
 
 }  // namespace kelvo

@@ -84,6 +84,24 @@ void addQueue(std::unordered_map<std::string, JaEn>& t) {
                                   "the service is shutting down; this request was dropped"};
 }
 
+void addHttp(std::unordered_map<std::string, JaEn>& t) {
+  // The three lines of a port that cannot be listened on.
+  t["端口 %d 已经被占用了。"] = {"ポート %d は既に使用中です。", "port %d is already in use."};
+  t["要么已经有另一个 KELVO 在运行(看看托盘),"] = {"別の KELVO が既に動いているか(トレイを確認してください)、",
+                                              "either another KELVO is already running (check the tray),"};
+  t["要么被别的程序占用了 - 可以在设置里换一个端口。"] = {
+      "別のプログラムが使っています - 設定で別のポートを選べます。",
+      "or another program has taken it - you can pick a different port under Settings."};
+  // Requests the server refuses before any handler sees them.
+  t["请求头超过了 %d KB 的上限"] = {"リクエストヘッダーが上限の %d KB を超えています",
+                                 "the request headers are over the %d KB limit"};
+  t["请求体超过了 %d MB 的上限"] = {"リクエスト本文が上限の %d MB を超えています",
+                                 "the request body is over the %d MB limit"};
+  t["无法解析这个 HTTP 请求"] = {"この HTTP リクエストを解析できません", "this HTTP request cannot be parsed"};
+  t["服务内部出错:%s"] = {"サービス内部エラー: %s", "internal service error: %s"};
+  t["要发送的文件打不开"] = {"送信するファイルを開けません", "the file to be sent cannot be opened"};
+}
+
 void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
   t["占位波形"] = {"プレースホルダー波形", "placeholder waveform"};
   t["bin 里还没有模型;这是可听的假音频,只用来验证链路"] = {
@@ -143,6 +161,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addQueue(t);
     addPlaceholder(t);
     addClonePack(t);
+    addHttp(t);
     return t;
   }();
   return table;
