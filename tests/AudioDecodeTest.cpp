@@ -273,7 +273,9 @@ TEST(AudioDecodeTest, CInterfaceRejectsBadArguments) {
   kelvo_audio_free(nullptr);
 }
 
-TEST(AudioDecodeTest, OggReasonsInEveryLanguage) {
+// The lookup itself and the completeness of every language's table are the
+// I18n tests'; the English texts pin the keys used here.
+TEST(AudioDecodeTest, OggReasonsAreWorded) {
   test::ScopedUiLang ui(UiLang::en);
   EXPECT_EQ(oggResultText(OggResult::ok), "");
   EXPECT_EQ(oggResultText(OggResult::noDecoder),
@@ -284,10 +286,6 @@ TEST(AudioDecodeTest, OggReasonsInEveryLanguage) {
             "this is Opus inside .ogg. Opus and Vorbis are different codecs and only Vorbis is supported here;"
             "convert it to WAV / MP3 / Ogg Vorbis with another tool and try again.");
   EXPECT_EQ(oggResultText(OggResult::failed), "cannot decode the ogg (the file may be truncated or corrupt).");
-  setUiLang(UiLang::zh);
-  EXPECT_EQ(oggResultText(OggResult::failed), "无法解码这个 ogg(文件可能不完整或已损坏)。");
-  setUiLang(UiLang::ja);
-  EXPECT_EQ(oggResultText(OggResult::notVorbis), "これは ogg ファイルではありません。");
 }
 
 }  // namespace

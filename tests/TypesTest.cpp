@@ -139,8 +139,6 @@ TEST(Types, LanguageTableAndDisplay) {
   EXPECT_EQ(langWithCode("KR"), "한국어 (ko)");
   EXPECT_EQ(langWithCode(""), "Auto (auto)");
   EXPECT_EQ(display(TtsGender::female), "Female");
-  setUiLang(UiLang::zh);
-  EXPECT_EQ(langWithCode("auto"), "自动 (auto)");
 }
 
 }  // namespace
