@@ -277,15 +277,17 @@ TEST(AudioDecodeTest, CInterfaceRejectsBadArguments) {
 // I18n tests'; the English texts pin the keys used here.
 TEST(AudioDecodeTest, OggReasonsAreWorded) {
   test::ScopedUiLang ui(UiLang::en);
-  EXPECT_EQ(oggResultText(OggResult::ok), "");
-  EXPECT_EQ(oggResultText(OggResult::noDecoder),
-            "kelvo_audio.dll is not next to the app, so ogg cannot be decoded - "
-            "the engine does not accept ogg either; please use WAV or MP3.");
-  EXPECT_EQ(oggResultText(OggResult::notVorbis), "this is not an ogg file.");
-  EXPECT_EQ(oggResultText(OggResult::opus),
-            "this is Opus inside .ogg. Opus and Vorbis are different codecs and only Vorbis is supported here;"
-            "convert it to WAV / MP3 / Ogg Vorbis with another tool and try again.");
-  EXPECT_EQ(oggResultText(OggResult::failed), "cannot decode the ogg (the file may be truncated or corrupt).");
+  const std::pair<OggResult, std::string_view> reasons[] = {
+      {OggResult::ok, ""},
+      {OggResult::noDecoder,
+       "kelvo_audio.dll is not next to the app, so ogg cannot be decoded - the engine does not accept ogg either; "
+       "please use WAV or MP3."},
+      {OggResult::notVorbis, "this is not an ogg file."},
+      {OggResult::opus,
+       "this is Opus inside .ogg. Opus and Vorbis are different codecs and only Vorbis is supported here;convert it "
+       "to WAV / MP3 / Ogg Vorbis with another tool and try again."},
+      {OggResult::failed, "cannot decode the ogg (the file may be truncated or corrupt)."}};
+  for (const auto& [result, text] : reasons) EXPECT_EQ(oggResultText(result), text);
 }
 
 }  // namespace

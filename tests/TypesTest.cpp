@@ -39,26 +39,30 @@ TEST(Types, TextNormalisation) {
 }
 
 TEST(Types, EnumerationCodesParseLeniently) {
-  EXPECT_EQ(parseGender(" F "), TtsGender::female);
-  EXPECT_EQ(parseGender("男"), TtsGender::male);
-  EXPECT_EQ(parseGender("MALE"), TtsGender::male);
-  EXPECT_EQ(parseGender(""), TtsGender::automatic);
+  // Trimmed and any case; anything unknown is the automatic choice.
+  const std::pair<std::string_view, TtsGender> genders[] = {{" F ", TtsGender::female},
+                                                             {"男", TtsGender::male},
+                                                             {"MALE", TtsGender::male},
+                                                             {"", TtsGender::automatic},
+                                                             {"default", TtsGender::automatic}};
+  for (const auto& [text, gender] : genders) EXPECT_EQ(parseGender(text), gender) << text;
   EXPECT_EQ(code(TtsGender::automatic), "default");
-  EXPECT_EQ(parseGender("default"), TtsGender::automatic);
   EXPECT_EQ(genderFromRaw(2), TtsGender::male);
   EXPECT_FALSE(genderFromRaw(3) || genderFromRaw(-1) || priorityFromRaw(2));
 
-  EXPECT_EQ(parseComputeBackend(" GPU "), ComputeBackend::metal);
-  EXPECT_EQ(parseComputeBackend("Metal"), ComputeBackend::metal);
-  EXPECT_EQ(parseComputeBackend("cpu"), ComputeBackend::cpu);
-  EXPECT_EQ(parseComputeBackend("cuda"), ComputeBackend::automatic);
+  const std::pair<std::string_view, ComputeBackend> backends[] = {{" GPU ", ComputeBackend::metal},
+                                                                   {"Metal", ComputeBackend::metal},
+                                                                   {"cpu", ComputeBackend::cpu},
+                                                                   {"cuda", ComputeBackend::automatic}};
+  for (const auto& [text, backend] : backends) EXPECT_EQ(parseComputeBackend(text), backend) << text;
   EXPECT_EQ(code(ComputeBackend::automatic), "auto");
 
-  EXPECT_EQ(parseSpeedMode("wsola"), TtsSpeedMode::engine);
-  EXPECT_EQ(parseSpeedMode(" Stretch"), TtsSpeedMode::localStretch);
-  EXPECT_EQ(parseSpeedMode("RESAMPLE"), TtsSpeedMode::localResample);
-  for (auto m : {TtsSpeedMode::engine, TtsSpeedMode::localStretch, TtsSpeedMode::localResample}) {
-    EXPECT_EQ(parseSpeedMode(code(m)), m);
+  const std::pair<std::string_view, TtsSpeedMode> modes[] = {{"wsola", TtsSpeedMode::engine},
+                                                              {" Stretch", TtsSpeedMode::localStretch},
+                                                              {"RESAMPLE", TtsSpeedMode::localResample}};
+  for (const auto& [text, mode] : modes) {
+    EXPECT_EQ(parseSpeedMode(text), mode) << text;
+    EXPECT_EQ(parseSpeedMode(code(mode)), mode) << text;
   }
 }
 
