@@ -5,16 +5,10 @@
 #include <thread>
 
 #include "KELVOCore/EnginePlaceholder.h"
-#include "KELVOCore/I18n.h"
+#include "tests/TestSupport.h"
 
 namespace kelvo {
 namespace {
-
-std::int64_t totalSamples(std::string_view text) {
-  std::int64_t n = 0;
-  for (const Segment& s : placeholderSegments(text)) n += segmentSamples(s);
-  return n;
-}
 
 std::vector<SegmentKind> kinds(std::string_view text) {
   std::vector<SegmentKind> k;
@@ -38,63 +32,54 @@ std::size_t zeroCrossings(const std::vector<float>& x) {
   return n;
 }
 
+bool silent(std::vector<float>::const_iterator from, std::vector<float>::const_iterator to) {
+  return std::all_of(from, to, [](float v) { return v == 0.0f; });
+}
+
 constexpr auto V = SegmentKind::voiced;
 constexpr auto F = SegmentKind::fricative;
 constexpr auto P = SegmentKind::pause;
 
 TEST(EnginePlaceholder, SegmentsFollowCharacters) {
-  const auto a = placeholderSegments("a");
-  ASSERT_EQ(a.size(), 2u);
-  EXPECT_EQ(a[0].durationMs, 80);
-  EXPECT_EQ(a[0].vowel, 97 % 5);
-  EXPECT_NEAR(a[0].stress, 0.8333f, 1e-4);
-  EXPECT_EQ(a[1].durationMs, 120);
-  EXPECT_EQ(totalSamples("a"), 3528 + 5292);
-  EXPECT_EQ(totalSamples("中"), 7497 + 5292);
-  EXPECT_EQ(placeholderSegments("中")[0].durationMs, 170);
-  EXPECT_EQ(totalSamples("a b"), 3528 + 3087 + 3528 + 5292);
-  EXPECT_EQ(totalSamples("你好。"), 7497 + 7497 + 9702 + 5292);
+  // Letters and numbers of any script sound (a few Latin letters hiss), one
+  // grapheme cluster is one sound (a marked s is no longer the plain fricative),
+  // bracketed tags, other symbols and broken bytes yield nothing, and every text
+  // ends in a pause.
+  for (std::string_view text : {"a", "e\u0301", "s\u0301"}) EXPECT_EQ(kinds(text), (std::vector{V, P})) << text;
+  for (std::string_view text : {"s", "Z"}) EXPECT_EQ(kinds(text), (std::vector{F, P})) << text;
+  for (std::string_view text : {"", "#", "[calm]", "🙂", "\xff", "]"}) EXPECT_EQ(kinds(text), std::vector{P}) << text;
   EXPECT_EQ(kinds("你好。"), (std::vector{V, V, P, P}));
+  EXPECT_EQ(kinds("7½Ⅻ"), (std::vector{V, V, V, P}));
+  EXPECT_EQ(kinds("[[x]y]z"), (std::vector{V, F, P}));
 
+  // 80 ms a letter below U+2E80 and 170 ms above, 70 ms a space (a CRLF is one
+  // cluster), 220 ms a pause mark, 120 ms at the end; 44.1 samples a ms.
+  const std::pair<std::string_view, std::int64_t> lengths[] = {
+      {"a", 3528 + 5292}, {"ж", 3528 + 5292}, {"你好。", 7497 + 7497 + 9702 + 5292}, {"  \r\n\u3000", 4 * 3087 + 5292}};
+  for (const auto& [text, samples] : lengths) {
+    std::int64_t total = 0;
+    for (const Segment& s : placeholderSegments(text)) total += segmentSamples(s);
+    EXPECT_EQ(total, samples) << text;
+  }
   EXPECT_EQ(placeholderSegments("d")[0].stress, 0.75f);
   EXPECT_EQ(placeholderSegments("c")[0].stress, 1.0f);
-  EXPECT_EQ(kinds("s"), (std::vector{F, P}));
-  EXPECT_EQ(kinds("Z"), (std::vector{F, P}));
-  EXPECT_EQ(kinds("a"), (std::vector{V, P}));
-
-  // Silent or skipped characters leave only the closing pause.
-  for (std::string_view text : {"", "#", "[calm]", "🙂", "\xff", "]"})
-    EXPECT_EQ(kinds(text), (std::vector{P})) << text;
-  EXPECT_EQ(kinds("[[x]y]z"), (std::vector{V, F, P}));
-  // Each space, a CRLF (one cluster) and an ideographic space pause 70 ms.
-  EXPECT_EQ(totalSamples("  \r\n\u3000"), 4 * 3087 + 5292);
-  EXPECT_EQ(placeholderSegments("，")[0].durationMs, 220);
-  // One grapheme cluster is one sound: a decomposed é, and an s with a mark is
-  // no longer the plain fricative letter.
-  EXPECT_EQ(kinds("e\u0301"), (std::vector{V, P}));
-  EXPECT_EQ(kinds("s\u0301"), (std::vector{V, P}));
-  EXPECT_EQ(kinds("7½Ⅻ"), (std::vector{V, V, V, P}));
-  EXPECT_EQ(placeholderSegments("ж")[0].durationMs, 80);
-  EXPECT_EQ(placeholderSegments("ぁ")[0].durationMs, 170);
 }
 
 TEST(EnginePlaceholder, SilenceAndShape) {
   PlaceholderEngine engine;
-  for (const char* text : {"", "   ", " \n\t\u3000"}) {
+  for (const char* text : {"", " \n\t\u3000"}) {
     const PcmBuffer pcm = speak(engine, text);
     EXPECT_TRUE(pcm.isEmpty()) << text;
     EXPECT_EQ(pcm.sampleRate, 44100);
   }
-  for (const char* text : {"[calm]", "#"}) {
-    const PcmBuffer pcm = speak(engine, text);
-    ASSERT_EQ(pcm.data.size(), 5292u) << text;
-    EXPECT_TRUE(std::all_of(pcm.data.begin(), pcm.data.end(), [](float v) { return v == 0.0f; }));
-  }
+  const PcmBuffer tagOnly = speak(engine, "[calm]");
+  ASSERT_EQ(tagOnly.data.size(), 5292u);
+  EXPECT_TRUE(silent(tagOnly.data.begin(), tagOnly.data.end()));
 
   // A leading space is heard as 70 ms of silence before the sound.
   const PcmBuffer spaced = speak(engine, " a");
   ASSERT_EQ(spaced.data.size(), 3087u + 3528u + 5292u);
-  EXPECT_TRUE(std::all_of(spaced.data.begin(), spaced.data.begin() + 3087, [](float v) { return v == 0.0f; }));
+  EXPECT_TRUE(silent(spaced.data.begin(), spaced.data.begin() + 3087));
   EXPECT_EQ(spaced.data.back(), 0.0f);
 
   // The fricative is noise, the vowel a buzz: far more zero crossings.
@@ -133,15 +118,10 @@ TEST(EnginePlaceholder, DeterministicPerSeedAndGender) {
       EXPECT_LE(f0, hz * 1.15f + 1e-3f);
     }
   }
-}
-
-TEST(EnginePlaceholder, PitchFallsOverTheUtterance) {
-  EXPECT_EQ(declination(0, 2), 1.0f);
-  EXPECT_NEAR(declination(1, 2), 0.82f, 1e-6);
+  // The pitch falls linearly from the first segment to the last; one segment is the first.
   EXPECT_EQ(declination(0, 1), 1.0f);
-  EXPECT_NEAR(declination(9, 10), 0.82f, 1e-6);
   EXPECT_NEAR(declination(5, 11), 0.91f, 1e-6);
-  for (std::size_t i = 1; i < 10; ++i) EXPECT_LT(declination(i, 10), declination(i - 1, 10));
+  EXPECT_NEAR(declination(9, 10), 0.82f, 1e-6);
 }
 
 TEST(EnginePlaceholder, ParallelSynthesisMatchesSerial) {
@@ -179,7 +159,7 @@ TEST(EnginePlaceholder, InterfaceAndHealth) {
   EXPECT_EQ(base.options().modelFile, "m.gguf");
   EXPECT_EQ(engine.registerReference(VoiceCloneSpec{}), "");
 
-  setUiLang(UiLang::en);
+  test::ScopedUiLang ui(UiLang::en);
   const auto before = std::chrono::system_clock::now();
   const EngineHealth en = engine.checkHealth();
   EXPECT_TRUE(en.ready);
@@ -187,11 +167,6 @@ TEST(EnginePlaceholder, InterfaceAndHealth) {
   EXPECT_EQ(en.detail, "no model under bin yet; this is audible fake audio, only to prove the pipeline works");
   EXPECT_TRUE(en.exePath.empty());
   EXPECT_GE(en.probedAt, before);
-  setUiLang(UiLang::ja);
-  EXPECT_EQ(engine.checkHealth().backend, "プレースホルダー波形");
-  setUiLang(UiLang::zh);
-  EXPECT_EQ(engine.checkHealth().detail, "bin 里还没有模型;这是可听的假音频,只用来验证链路");
-  setUiLang(UiLang::automatic);
 }
 
 }  // namespace

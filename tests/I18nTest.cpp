@@ -8,28 +8,22 @@
 namespace kelvo {
 namespace {
 
-struct LangGuard {
-  ~LangGuard() { setUiLang(UiLang::automatic); }
-};
-
 TEST(I18n, LookupFallsThroughToTheKey) {
-  LangGuard guard;
-  setUiLang(UiLang::en);
-  EXPECT_EQ(T("女声"), "Female");
-  EXPECT_EQ(T("没有这条翻译"), "没有这条翻译");
-  setUiLang(UiLang::ja);
-  EXPECT_EQ(T("女声"), "女性の声");
-  setUiLang(UiLang::zh);
-  EXPECT_EQ(T("女声"), "女声");
-  setUiLang(UiLang::en);
+  const std::pair<UiLang, const char*> female[] = {
+      {UiLang::en, "Female"}, {UiLang::ja, "女性の声"}, {UiLang::zh, "女声"}};
+  for (const auto& [lang, text] : female) {
+    test::ScopedUiLang ui(lang);
+    EXPECT_EQ(T("女声"), text);
+    EXPECT_EQ(T("没有这条翻译"), "没有这条翻译");
+  }
+  test::ScopedUiLang en(UiLang::en);
   EXPECT_EQ(TF("本地 s2.cpp · %s · temp %.2f / top_p %.2f / top_k %d", std::string("CPU"), 0.5, 0.25, 7),
             "local s2.cpp · CPU · temp 0.50 / top_p 0.25 / top_k 7");
 }
 
 TEST(I18n, TablesKeepPlaceholdersAndTranslateEverything) {
-  // Every entry has both translations (or deliberately none), and a format keeps
-  // its placeholders in the same order in every language: a mismatch would
-  // crash printf at run time.
+  // Every entry has both translations, and a format keeps its placeholders in
+  // the same order in every language: a mismatch would crash printf at run time.
   auto placeholders = [](const std::string& s) {
     std::string out;
     for (std::size_t i = 0; i + 1 < s.size(); ++i) {
@@ -42,28 +36,24 @@ TEST(I18n, TablesKeepPlaceholdersAndTranslateEverything) {
     return out;
   };
   for (const auto& [key, value] : i18nTable()) {
-    EXPECT_FALSE(value.en.empty()) << key;
-    EXPECT_FALSE(value.ja.empty()) << key;
+    EXPECT_FALSE(value.en.empty() || value.ja.empty()) << key;
     EXPECT_EQ(placeholders(key), placeholders(value.en)) << key;
     EXPECT_EQ(placeholders(key), placeholders(value.ja)) << key;
   }
 }
 
 TEST(I18n, LanguageComesFromTheEnvironment) {
-  LangGuard guard;
-  EXPECT_EQ(uiLangFromLocale("zh-Hant-TW"), UiLang::zh);
-  EXPECT_EQ(uiLangFromLocale("zh_TW.UTF-8"), UiLang::zh);
-  EXPECT_EQ(uiLangFromLocale("ja_JP.UTF-8"), UiLang::ja);
-  EXPECT_EQ(uiLangFromLocale("pt-BR"), UiLang::en);
-  EXPECT_EQ(uiLangFromLocale("C"), UiLang::en);
-  EXPECT_EQ(uiLangFromLocale(""), UiLang::en);
+  const std::pair<const char*, UiLang> locales[] = {{"zh-Hant-TW", UiLang::zh},  {"zh_TW.UTF-8", UiLang::zh},
+                                                    {"ja_JP.UTF-8", UiLang::ja}, {"pt-BR", UiLang::en},
+                                                    {"C", UiLang::en},           {"", UiLang::en}};
+  for (const auto& [locale, lang] : locales) EXPECT_EQ(uiLangFromLocale(locale), lang) << locale;
 
+  test::ScopedUiLang ui(UiLang::automatic);
   test::ScopedEnv language("LANGUAGE", "ja:en_US");
   test::ScopedEnv all("LC_ALL", "zh_CN.UTF-8");
   test::ScopedEnv messages("LC_MESSAGES", nullptr);
   test::ScopedEnv lang("LANG", "en_US.UTF-8");
   EXPECT_EQ(detectFromOS(), UiLang::ja);
-  setUiLang(UiLang::automatic);
   EXPECT_EQ(uiLang(), UiLang::ja);
   EXPECT_EQ(T("男声"), "男性の声");
   {

@@ -39,14 +39,22 @@ ScopedEnv::~ScopedEnv() {
   }
 }
 
+Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
+
 void writeTextFile(const std::string& path, std::string_view text) {
-  const auto* data = reinterpret_cast<const std::uint8_t*>(text.data());
-  if (writeFileAtomic(path, std::span(data, text.size()))) throw std::runtime_error("cannot write " + path);
+  if (writeFileAtomic(path, bytesOf(text))) ADD_FAILURE() << "cannot write " << path;
 }
 
 std::string readTextFile(const std::string& path) {
   const auto bytes = readFile(path);
   return bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
+}
+
+Bytes fixture(std::string_view name) {
+  const std::string path = std::string(KELVO_FIXTURES_DIR) + "/" + std::string(name);
+  auto bytes = readFile(path);
+  if (!bytes) ADD_FAILURE() << "cannot read " << path;
+  return bytes ? std::move(*bytes) : Bytes{};
 }
 
 std::optional<std::string> loggedLine(std::string_view source, LogLevel level, std::string_view prefix) {

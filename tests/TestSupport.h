@@ -1,11 +1,15 @@
 // Helpers shared by the unit tests.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
+#include "KELVOCore/Types.h"
 
 namespace kelvo::test {
 
@@ -38,13 +42,40 @@ class ScopedEnv {
   std::string oldValue_;
 };
 
+// Sets the interface language for the lifetime of the object, then goes back
+// to `automatic`, the state every test starts from.
+class ScopedUiLang {
+ public:
+  explicit ScopedUiLang(UiLang lang) { setUiLang(lang); }
+  ~ScopedUiLang() { setUiLang(UiLang::automatic); }
+  ScopedUiLang(const ScopedUiLang&) = delete;
+  ScopedUiLang& operator=(const ScopedUiLang&) = delete;
+};
+
+// The bytes of a text.
+Bytes bytesOf(std::string_view text);
 // Writes `text` to `path`, creating parent folders; fails the test on error.
 void writeTextFile(const std::string& path, std::string_view text);
 // The whole file as text; "" when it cannot be read.
 std::string readTextFile(const std::string& path);
+// The bytes of tests/fixtures/`name`; fails the test when it cannot be read.
+Bytes fixture(std::string_view name);
 
 // The text of the first line in AppLog's ring from `source` at `level` that
 // starts with `prefix`; absent when there is none.
 std::optional<std::string> loggedLine(std::string_view source, LogLevel level, std::string_view prefix);
+
+// Runs `f`, which must throw TtsError, and returns the error (fails the test
+// and returns a `none` error when nothing is thrown).
+template <typename F>
+TtsError thrown(F&& f) {
+  try {
+    f();
+  } catch (const TtsError& e) {
+    return e;
+  }
+  ADD_FAILURE() << "no TtsError";
+  return TtsError(TtsErrorCode::none, "");
+}
 
 }  // namespace kelvo::test

@@ -5,9 +5,9 @@
 #include <atomic>
 #include <filesystem>
 #include <thread>
+#include <tuple>
 
 #include "KELVOCore/Files.h"
-#include "KELVOCore/I18n.h"
 #include "KELVOCore/Wav.h"
 #include "tests/TestSupport.h"
 
@@ -15,7 +15,10 @@ namespace kelvo {
 namespace {
 
 namespace fs = std::filesystem;
+using test::bytesOf;
+using test::fixture;
 using test::loggedLine;
+using test::thrown;
 
 constexpr std::int64_t kRate = 16000;
 
@@ -27,10 +30,6 @@ Bytes clip(std::int64_t ms, float level = 0.25f, std::int64_t rate = kRate) {
   pcm.data.assign(static_cast<std::size_t>(rate * ms / 1000), level);
   return buildWav(pcm, 1);
 }
-
-Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
-
-Bytes fixture(const std::string& name) { return *readFile(std::string(KELVO_FIXTURES_DIR) + "/" + name); }
 
 VoiceCloneSpec spec(std::vector<VoiceClipInput> clips, std::string display = "Anna") {
   VoiceCloneSpec s;
@@ -52,22 +51,8 @@ std::vector<std::string> filesIn(const std::string& dir) {
 class VoiceLibraryTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setUiLang(UiLang::en);
     AppLog::clear();
     library.setConfig(config);
-  }
-  void TearDown() override { setUiLang(UiLang::automatic); }
-
-  // Runs `f`, which must throw TtsError, and returns the error.
-  template <typename F>
-  TtsError failure(F&& f) {
-    try {
-      f();
-    } catch (const TtsError& e) {
-      return e;
-    }
-    ADD_FAILURE() << "no TtsError";
-    return TtsError(TtsErrorCode::none, "");
   }
 
   TtsRequest request(std::string airline, std::string language, TtsGender gender) {
@@ -76,6 +61,7 @@ class VoiceLibraryTest : public ::testing::Test {
     return r;
   }
 
+  test::ScopedUiLang ui{UiLang::en};
   test::TempDir dir;
   std::string voicesFile = dir.path() + "data/voices.json";
   std::string clipDir = dir.path() + "clone/";
@@ -97,13 +83,11 @@ TEST_F(VoiceLibraryTest, IdsComeFromContentAndRepeatsGetSuffixes) {
   const auto twoClips = spec({{clip(6000, 0.1f), " first words "}, {clip(7000, 0.2f), "second\n"}});
   const std::string predicted = library.predictId(twoClips);
   const VoiceInfo first = library.addClone(twoClips);
-  EXPECT_EQ(first.id, predicted);
-  EXPECT_EQ(first.language, "en");
+  EXPECT_EQ(std::tie(first.id, first.language), std::make_tuple(predicted, "en"));
   EXPECT_EQ(first.seed, static_cast<std::int64_t>(stableHash(first.id) & 0x7FFFFFFF));
   ASSERT_EQ(first.clips.size(), 2u);
-  EXPECT_EQ(first.clips[0].fileName, first.id + "-0.wav");
-  EXPECT_EQ(first.clips[0].text, "first words");
-  EXPECT_EQ(first.clips[0].durationMs, 6000);
+  EXPECT_EQ(std::tie(first.clips[0].fileName, first.clips[0].text, first.clips[0].durationMs),
+            std::make_tuple(first.id + "-0.wav", "first words", 6000));
   EXPECT_EQ(first.clips[1].fileName, first.id + "-1.wav");
   EXPECT_EQ(readFile(clipDir + first.clips[1].fileName), twoClips.clips[1].audio);  // stored as received
 
@@ -123,7 +107,7 @@ TEST_F(VoiceLibraryTest, IdsComeFromContentAndRepeatsGetSuffixes) {
 }
 
 TEST_F(VoiceLibraryTest, ClipDurationBoundaries) {
-  const TtsError tooShort = failure([&] { library.addClone(spec({{clip(999), "short"}})); });
+  const TtsError tooShort = thrown([&] { library.addClone(spec({{clip(999), "short"}})); });
   EXPECT_EQ(tooShort.code, TtsErrorCode::badAudio);
   EXPECT_EQ(tooShort.message, "the reference clip is only 999 ms, too short (the vendor recommends 5-30 s)");
   EXPECT_EQ(library.count(), 0);
@@ -143,12 +127,9 @@ TEST_F(VoiceLibraryTest, ClipDurationBoundaries) {
   EXPECT_EQ(over.clips[0].durationMs, 30001);
   EXPECT_EQ(loggedLine("voices", LogLevel::warn, "reference audio is 30 s"),
             "reference audio is 30 s, over the 30 s the vendor recommends; it will be trimmed");
-  const auto trimmedWav = library.referenceAudio(over);
-  ASSERT_TRUE(trimmedWav);
-  const auto pcm = parseWav(*trimmedWav);
+  const auto pcm = parseWav(library.referenceAudio(over).value_or(Bytes{}));
   ASSERT_TRUE(pcm);
-  EXPECT_EQ(pcm->sampleRate, kRate);
-  EXPECT_EQ(pcm->data.size(), static_cast<std::size_t>(30 * kRate));
+  EXPECT_EQ(std::make_tuple(pcm->sampleRate, pcm->data.size()), std::make_tuple(kRate, std::size_t(30 * kRate)));
   EXPECT_EQ(loggedLine("voices", LogLevel::info, "reference audio for"),
             "reference audio for Anna was 30 s; trimmed to 30 s before sending it to the engine");
 }
@@ -165,7 +146,7 @@ TEST_F(VoiceLibraryTest, BadClipsAddNothingAndLeaveNoFiles) {
        "the reference clip is only 500 ms, too short (the vendor recommends 5-30 s)"},
   };
   for (const auto& [s, message] : cases) {
-    const TtsError e = failure([&] { library.addClone(s); });
+    const TtsError e = thrown([&] { library.addClone(s); });
     EXPECT_EQ(e.code, TtsErrorCode::badAudio) << message;
     EXPECT_EQ(e.message, message);
   }
@@ -177,7 +158,7 @@ TEST_F(VoiceLibraryTest, BadClipsAddNothingAndLeaveNoFiles) {
   const auto blocked = spec({{clip(6000, 0.3f), "one"}, {clip(6000, 0.4f), "two"}});
   const std::string id = library.predictId(blocked);
   fs::create_directories(clipDir + id + "-1.wav");
-  const TtsError e = failure([&] { library.addClone(blocked); });
+  const TtsError e = thrown([&] { library.addClone(blocked); });
   EXPECT_EQ(e.code, TtsErrorCode::cloneFailed);
   EXPECT_TRUE(e.message.starts_with("cannot save the reference audio: ")) << e.message;
   EXPECT_EQ(filesIn(clipDir), std::vector<std::string>{id + "-1.wav"});
@@ -218,9 +199,7 @@ TEST_F(VoiceLibraryTest, CompressedAndUndecodableClips) {
 TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
   const VoiceInfo voice = library.addClone(
       spec({{clip(12000, 0.25f), "one"}, {clip(12000, 0.5f), "two"}, {clip(12000, 0.75f), "three"}}));
-  const auto merged = library.referenceAudio(voice);
-  ASSERT_TRUE(merged);
-  const auto pcm = parseWav(*merged);
+  const auto pcm = parseWav(library.referenceAudio(voice).value_or(Bytes{}));
   ASSERT_TRUE(pcm);
   ASSERT_EQ(pcm->data.size(), static_cast<std::size_t>(30 * kRate));  // 12 + 0.3 + 12 + 0.3 + 5.4
   const auto at = [&](double secondsIn) { return pcm->data[static_cast<std::size_t>(secondsIn * kRate)]; };
@@ -241,10 +220,10 @@ TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
                                                  {bytesOf("OggS broken"), "c"},
                                                  {clip(30000, 0.1f), "d"},
                                                  {clip(5000, 0.2f), "e"}}));
-  const auto mixedPcm = parseWav(*library.referenceAudio(mixed));
+  const auto mixedPcm = parseWav(library.referenceAudio(mixed).value_or(Bytes{}));
   ASSERT_TRUE(mixedPcm);
-  EXPECT_EQ(mixedPcm->sampleRate, kRate);
-  EXPECT_EQ(mixedPcm->data.size(), static_cast<std::size_t>(30 * kRate));
+  EXPECT_EQ(std::make_tuple(mixedPcm->sampleRate, mixedPcm->data.size()),
+            std::make_tuple(kRate, std::size_t(30 * kRate)));
   EXPECT_NEAR(mixedPcm->data[static_cast<std::size_t>(2.3 * kRate) + 10], 0.5f, 1e-3);
   EXPECT_NEAR(mixedPcm->data[static_cast<std::size_t>(3.6 * kRate) + 10], 0.1f, 1e-3);
   EXPECT_EQ(loggedLine("voices", LogLevel::warn, "cannot decode this clip"),
@@ -267,7 +246,7 @@ TEST_F(VoiceLibraryTest, ClipsAreAddedAndRemovedWithoutCollisions) {
   EXPECT_EQ(filesIn(clipDir), std::vector<std::string>{voice.id + "-1.wav"});
 
   // Removing the only clip is refused and changes nothing.
-  const TtsError last = failure([&] { library.removeClip(voice.id, 0); });
+  const TtsError last = thrown([&] { library.removeClip(voice.id, 0); });
   EXPECT_EQ(last.message, "this is the last reference clip - delete the whole voice instead");
   EXPECT_EQ(library.find(voice.id)->clips.size(), 1u);
   EXPECT_EQ(filesIn(clipDir).size(), 1u);
@@ -278,15 +257,13 @@ TEST_F(VoiceLibraryTest, ClipsAreAddedAndRemovedWithoutCollisions) {
   EXPECT_EQ(grown.clips[1].fileName, voice.id + "-2.wav");
   EXPECT_EQ(loggedLine("voices", LogLevel::info, "added a clip to "),
             "added a clip to Anna (" + voice.id + "), now 2 clip(s), 10.0 s");
-  EXPECT_EQ(library.find(voice.id)->clips.size(), 2u);
 
-  const TtsError unknown = failure([&] { library.addClip("v-missing", {clip(4000), "x"}); });
-  EXPECT_EQ(unknown.code, TtsErrorCode::badVoice);
-  EXPECT_EQ(unknown.message, "no such voice: v-missing");
-  const TtsError badClip = failure([&] { library.addClip(voice.id, {clip(4000), ""}); });
-  EXPECT_EQ(badClip.code, TtsErrorCode::badAudio);
+  const TtsError unknown = thrown([&] { library.addClip("v-missing", {clip(4000), "x"}); });
+  EXPECT_EQ(std::tie(unknown.code, unknown.message),
+            std::make_tuple(TtsErrorCode::badVoice, "no such voice: v-missing"));
+  EXPECT_EQ(thrown([&] { library.addClip(voice.id, {clip(4000), ""}); }).code, TtsErrorCode::badAudio);
 
-  VoiceLibrary reread(voicesFile, clipDir);
+  VoiceLibrary reread(voicesFile, clipDir);  // the grown voice was saved
   reread.load();
   EXPECT_EQ(reread.find(voice.id)->clips.size(), 2u);
 }
@@ -350,9 +327,9 @@ TEST_F(VoiceLibraryTest, ResolutionOrder) {
   EXPECT_TRUE(direct.explicitVoice);
   EXPECT_EQ(direct.voice->id, langDefault);
   named.voiceId = "v-../../etc";
-  const TtsError unknown = failure([&] { library.resolve(named); });
-  EXPECT_EQ(unknown.code, TtsErrorCode::badVoice);
-  EXPECT_EQ(unknown.message, "no such voice: v-../../etc");
+  const TtsError unknown = thrown([&] { library.resolve(named); });
+  EXPECT_EQ(std::tie(unknown.code, unknown.message),
+            std::make_tuple(TtsErrorCode::badVoice, "no such voice: v-../../etc"));
 
   EXPECT_EQ(library.availableGenders("UAL", "en"),
             (std::set<TtsGender>{TtsGender::automatic, TtsGender::female, TtsGender::male}));
@@ -372,11 +349,11 @@ TEST_F(VoiceLibraryTest, ResolutionOrder) {
 
 TEST_F(VoiceLibraryTest, FallbackVoices) {
   const VoiceInfo fallback = VoiceLibrary::fallbackVoice("en", TtsGender::female);
-  EXPECT_EQ(fallback.id, "(auto):en:female");
-  EXPECT_EQ(fallback.display, "unbound (English·Female)");
-  EXPECT_EQ(fallback.note, "no voice is bound to this language/gender yet");
+  EXPECT_EQ(std::tie(fallback.id, fallback.display, fallback.note),
+            std::make_tuple("(auto):en:female", "unbound (English·Female)",
+                            "no voice is bound to this language/gender yet"));
   EXPECT_TRUE(fallback.clips.empty());
-  EXPECT_EQ(fallback.seed, static_cast<std::int64_t>(stableHash("en") & 0x7FFFFFFF));
+  EXPECT_EQ(fallback.seed, 5863352);  // the language's stable hash, in 31 bits
   EXPECT_EQ(VoiceLibrary::fallbackVoice("", TtsGender::automatic).display, "unbound (Auto·Default)");
   EXPECT_TRUE(VoiceLibrary::isFallback(fallback));
   VoiceInfo stored;
@@ -403,40 +380,25 @@ TEST_F(VoiceLibraryTest, VoicesFileLoadsOlderFormsAndDamage) {
   AppLog::clear();
   library.load();
   EXPECT_EQ(loggedLine("voices", LogLevel::info, "voice library loaded"), "voice library loaded, 3 voice(s)");
-  const auto voices = library.all();
-  ASSERT_EQ(voices.size(), 3u);
-  const VoiceInfo& old = voices[0];
-  ASSERT_EQ(old.clips.size(), 1u);
-  EXPECT_EQ(old.clips[0].fileName, "v-old.wav");
-  EXPECT_EQ(old.clips[0].text, " hello ");
-  EXPECT_EQ(old.gender, TtsGender::male);
-  EXPECT_EQ(old.kind, VoiceKind::profile);
-  EXPECT_EQ(old.language, "");
-  EXPECT_EQ(old.seed, 99);
-  EXPECT_EQ(std::chrono::system_clock::to_time_t(old.createdAt), 1709209815);
-  const VoiceInfo& fresh = voices[1];
-  EXPECT_EQ(fresh.display, "5");
-  EXPECT_EQ(fresh.language, "ja");
-  EXPECT_EQ(fresh.seed, std::numeric_limits<std::int64_t>::max());
-  EXPECT_EQ(std::chrono::system_clock::to_time_t(fresh.createdAt), 1700000000);
-  ASSERT_EQ(fresh.clips.size(), 2u);  // the path-like and hidden names are dropped
-  EXPECT_EQ(fresh.clips[0].durationMs, 0);
-  EXPECT_EQ(fresh.clips[1].durationMs, 1500);
-  EXPECT_EQ(fresh.clips[1].text, "");
-  EXPECT_EQ(voices[2].id, "v-odd");
-  EXPECT_TRUE(voices[2].clips.empty());
+  EXPECT_EQ(std::chrono::system_clock::to_time_t(library.all().at(0).createdAt), 1709209815);
 
-  // Saved back in the current form, and read again to the same voices.
+  // Saved back in the current form, every field as it was understood: the
+  // single clip of older files, numbers and names coerced, path-like and
+  // hidden clip names dropped, unusable values at their defaults.
   library.save();
-  const auto root = parseJsonObject(test::readTextFile(voicesFile));
-  ASSERT_TRUE(root);
-  const Json& first = (*root)["voices"][0];
-  EXPECT_FALSE(first.contains("refAudio"));
-  EXPECT_EQ(first["clips"], Json::parse(R"([{"file": "v-old.wav", "text": " hello ", "durationMs": 0}])"));
-  EXPECT_EQ(first["kind"], "reference");
-  EXPECT_EQ(first["language"], "auto");
-  EXPECT_EQ(first["gender"], "male");
-  EXPECT_EQ(first["createdAt"], "2024-02-29T12:30:15Z");
+  Json saved = parseJsonObject(test::readTextFile(voicesFile)).value_or(Json())["voices"];
+  ASSERT_EQ(saved.size(), 3u);
+  saved[2].erase("createdAt");  // unreadable, so the time of loading
+  EXPECT_EQ(saved, Json::parse(R"([
+    {"id": "v-old", "display": "Old", "kind": "reference", "profile": "p.json", "language": "auto", "gender": "male",
+     "clips": [{"file": "v-old.wav", "text": " hello ", "durationMs": 0}], "style": "", "note": "", "seed": 99,
+     "createdAt": "2024-02-29T12:30:15Z"},
+    {"id": "v-new", "display": "5", "kind": "cloned", "profile": "", "language": "ja", "gender": "default",
+     "clips": [{"file": "v-new-0.mp3", "text": "a", "durationMs": 0},
+               {"file": "v-new-2.wav", "text": "", "durationMs": 1500}],
+     "style": "", "note": "", "seed": 9223372036854775807, "createdAt": "2023-11-14T22:13:20Z"},
+    {"id": "v-odd", "display": "", "kind": "cloned", "profile": "", "language": "auto", "gender": "default",
+     "clips": [], "style": "", "note": "", "seed": 0}])"));
   VoiceLibrary reread(voicesFile, clipDir);
   reread.load();
   EXPECT_EQ(reread.all().size(), 3u);

@@ -6,11 +6,14 @@
 #include <filesystem>
 #include <initializer_list>
 #include <string_view>
+#include <tuple>
 
 #include "tests/TestSupport.h"
 
 namespace kelvo {
 namespace {
+
+using test::fixture;
 
 void putLE(Bytes& out, std::uint64_t v, int n) {
   for (int i = 0; i < n; ++i) out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
@@ -36,10 +39,12 @@ Bytes fmtBody(int tag, int channels, int rate, int bits, std::size_t extra = 0) 
   return b;
 }
 
-// RIFF/WAVE around the given chunks; the RIFF size is deliberately garbage,
-// as the parser never reads it.
-Bytes riff(std::initializer_list<Bytes> chunks) {
-  Bytes out{'R', 'I', 'F', 'F', 0xEE, 0xEE, 0xEE, 0xEE, 'W', 'A', 'V', 'E'};
+// RIFF/WAVE around the given chunks. The parser never reads the RIFF size, so
+// by default it is garbage.
+Bytes riff(std::initializer_list<Bytes> chunks, std::uint32_t riffSize = 0xEEEEEEEE) {
+  Bytes out{'R', 'I', 'F', 'F'};
+  putLE(out, riffSize, 4);
+  out.insert(out.end(), {'W', 'A', 'V', 'E'});
   for (const auto& c : chunks) out.insert(out.end(), c.begin(), c.end());
   return out;
 }
@@ -55,48 +60,24 @@ std::vector<float> parsedSamples(const Bytes& wav) {
   return pcm ? pcm->data : std::vector<float>{};
 }
 
-TEST(WavTest, BuildWritesCanonicalHeaderAndClampsSymmetrically) {
-  PcmBuffer pcm;
-  pcm.sampleRate = 22050;
-  pcm.data = {1.5f, -1.5f, 0.5f};
-  const Bytes wav = buildWav(pcm, 2);
-  ASSERT_EQ(wav.size(), 44u + 12u);
-  const Bytes expectedHeader = riff({});
-  EXPECT_TRUE(std::equal(wav.begin(), wav.begin() + 4, expectedHeader.begin()));
-  auto u32 = [&](std::size_t at) { return wav[at] | wav[at + 1] << 8 | wav[at + 2] << 16 | wav[at + 3] << 24; };
-  auto s16 = [&](std::size_t at) { return static_cast<std::int16_t>(wav[at] | wav[at + 1] << 8); };
-  EXPECT_EQ(u32(4), 12 + 36);
-  EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(wav.data() + 8), 8), "WAVEfmt ");
-  EXPECT_EQ(u32(16), 16);
-  EXPECT_EQ(s16(20), 1);
-  EXPECT_EQ(s16(22), 2);
-  EXPECT_EQ(u32(24), 22050);
-  EXPECT_EQ(u32(28), 22050 * 4);
-  EXPECT_EQ(s16(32), 4);
-  EXPECT_EQ(s16(34), 16);
-  EXPECT_EQ(std::string_view(reinterpret_cast<const char*>(wav.data() + 36), 4), "data");
-  EXPECT_EQ(u32(40), 12);
-  const std::int16_t expected[] = {32767, 32767, -32767, -32767, 16384, 16384};
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(s16(44 + 2 * i), expected[i]) << i;
-
-  // No samples and no rate: a valid empty file at 44100 Hz, one channel.
+TEST(WavTest, BuildWritesCanonicalFilesAndRoundTrips) {
+  // Clamped symmetrically to ±32767, every sample on each channel, exactly the 44-byte header.
+  const Bytes samples = samplesLE({32767, 32767, -32767, -32767, 16384, 16384}, 2);
+  EXPECT_EQ(buildWav(PcmBuffer{{1.5f, -1.5f, 0.5f}, 22050}, 2),
+            riff({chunk("fmt ", fmtBody(1, 2, 22050, 16)), chunk("data", samples)}, 36 + 12));
+  // No samples and no rate: a valid empty file at 44100 Hz, one channel, with no whole frame to read back.
   const Bytes empty = buildWav(PcmBuffer{}, 0);
-  ASSERT_EQ(empty.size(), 44u);
-  EXPECT_EQ(empty[22], 1);
-  EXPECT_EQ(empty[24] | empty[25] << 8 | empty[26] << 16, 44100);
-  EXPECT_FALSE(parseWav(empty));  // no whole frame to read back
-}
+  EXPECT_EQ(empty, riff({chunk("fmt ", fmtBody(1, 1, 44100, 16)), chunk("data", {})}, 36));
+  EXPECT_FALSE(parseWav(empty));
 
-TEST(WavTest, RoundTripKeepsRateLengthAndShape) {
   PcmBuffer pcm;
   pcm.sampleRate = 44100;
   for (int i = 0; i < 44100; ++i) pcm.data.push_back(0.5f * std::sin(0.05f * static_cast<float>(i)));
   const Bytes wav = buildWav(pcm, 1);
   const auto parsed = parseWavWithFormat(wav);
   ASSERT_TRUE(parsed);
-  EXPECT_EQ(parsed->format.channels, 1);
-  EXPECT_EQ(parsed->format.sampleRate, 44100);
-  EXPECT_EQ(parsed->format.bitsPerSample, 16);
+  EXPECT_EQ(std::tie(parsed->format.channels, parsed->format.sampleRate, parsed->format.bitsPerSample),
+            std::make_tuple(1, 44100, 16));
   EXPECT_FALSE(parsed->format.isFloat);
   ASSERT_EQ(parsed->pcm.data.size(), pcm.data.size());
   for (std::size_t i = 0; i < pcm.data.size(); i += 97) EXPECT_NEAR(parsed->pcm.data[i], pcm.data[i], 1.0 / 32767);
@@ -108,22 +89,16 @@ TEST(WavTest, RoundTripKeepsRateLengthAndShape) {
   EXPECT_EQ(stereo->pcm.data, parsed->pcm.data);
 }
 
-TEST(WavTest, ConvertsEveryAcceptedSampleLayout) {
+// The 24- and 32-bit integer layouts are proven against real files below;
+// these pin what those files do not reach.
+TEST(WavTest, SampleLayoutEdges) {
   // 8-bit is unsigned around 128.
   EXPECT_EQ(parsedSamples(riff({chunk("fmt ", fmtBody(1, 1, 8000, 8)), chunk("data", {128, 0, 255, 1})})),
             (std::vector<float>{0.0f, -1.0f, 0.9921875f, -0.9921875f}));
-  // Stereo frames average their channels.
+  // Stereo frames average their channels, full scale on both without overflow.
   EXPECT_EQ(parsedSamples(riff({chunk("fmt ", fmtBody(1, 2, 8000, 16)),
                                 chunk("data", samplesLE({16384, -16384, 32767, 32767, -32768, 0}, 2))})),
             (std::vector<float>{0.0f, 32767.0f / 32768, -0.5f}));
-  // 24-bit values are sign-extended.
-  EXPECT_EQ(parsedSamples(riff({chunk("fmt ", fmtBody(1, 1, 8000, 24)),
-                                chunk("data", samplesLE({0x800000, 0x7FFFFF, 0x400000, 0xFFFFFF}, 3))})),
-            (std::vector<float>{-1.0f, 8388607.0f / 8388608, 0.5f, -1.0f / 8388608}));
-  // 32-bit integer PCM.
-  EXPECT_EQ(parsedSamples(riff({chunk("fmt ", fmtBody(1, 1, 8000, 32)),
-                                chunk("data", samplesLE({0x80000000, 0x40000000}, 4))})),
-            (std::vector<float>{-1.0f, 0.5f}));
   // 32-bit float is taken as is, without clamping.
   Bytes floats;
   for (float f : {0.25f, -2.5f}) putLE(floats, std::bit_cast<std::uint32_t>(f), 4);
@@ -150,28 +125,14 @@ TEST(WavTest, ConvertsEveryAcceptedSampleLayout) {
   ASSERT_TRUE(ext16);
   EXPECT_FALSE(ext16->format.isFloat);
   EXPECT_EQ(ext16->pcm.data, (std::vector<float>{-0.5f}));
-}
 
-TEST(WavTest, LenientAboutChunkOrderAndTruncation) {
-  const Bytes pcm16 = samplesLE({8192, -8192}, 2);
-  // An odd-sized chunk before fmt is skipped with its pad byte.
-  EXPECT_EQ(parsedSamples(riff({chunk("LIST", {1, 2, 3, 4, 5}), chunk("fmt ", fmtBody(1, 1, 8000, 16)),
-                                chunk("data", pcm16)})),
-            (std::vector<float>{0.25f, -0.25f}));
-  // fmt after data, a fact chunk in between.
-  EXPECT_EQ(parsedSamples(riff({chunk("data", pcm16), chunk("fact", {0, 0, 0, 0}), chunk("fmt ", fmtBody(1, 1, 8000, 16))})),
-            (std::vector<float>{0.25f, -0.25f}));
-  // A later data chunk replaces an earlier one.
+  // Chunk order and an odd chunk's pad byte are covered by the fixtures; a
+  // later data chunk replaces an earlier one.
   EXPECT_EQ(parsedSamples(riff({chunk("fmt ", fmtBody(1, 1, 8000, 16)), chunk("data", samplesLE({1}, 2)),
                                 chunk("data", samplesLE({16384}, 2))})),
             (std::vector<float>{0.5f}));
-  // A streamed file: the data chunk claims 1,000,000 bytes but 882 are there.
-  Bytes body(882, 0);
-  const auto cut = parseWav(riff({chunk("fmt ", fmtBody(1, 1, 44100, 16)), chunk("data", body, 1000000)}));
-  ASSERT_TRUE(cut);
-  EXPECT_EQ(cut->data.size(), 441u);
   // A data chunk claiming nearly 4 GB is cut to what is there, without wrapping.
-  const auto huge = parseWav(riff({chunk("fmt ", fmtBody(1, 1, 44100, 16)), chunk("data", body, 0xFFFFFFFF)}));
+  const auto huge = parseWav(riff({chunk("fmt ", fmtBody(1, 1, 44100, 16)), chunk("data", Bytes(882, 0), 0xFFFFFFFF)}));
   ASSERT_TRUE(huge);
   EXPECT_EQ(huge->data.size(), 441u);
   // A half frame at the end is dropped.
@@ -183,29 +144,22 @@ TEST(WavTest, RejectsWhatItCannotRead) {
   const Bytes good = riff({chunk("fmt ", fmtBody(1, 1, 8000, 16)), chunk("data", samplesLE({1, 2, 3, 4}, 2))});
   ASSERT_TRUE(parseWav(good));
   EXPECT_FALSE(parseWav(Bytes(good.begin(), good.begin() + 43)));
-  EXPECT_FALSE(parseWav(Bytes(100, 'A')));
-  EXPECT_FALSE(parseWav(Bytes{}));
-  Bytes notWave = good;
-  notWave[8] = 'X';
-  EXPECT_FALSE(parseWav(notWave));
-  Bytes notRiff = good;
-  notRiff[0] = 'r';
-  EXPECT_FALSE(parseWav(notRiff));
+  for (const std::size_t at : {0, 8}) {
+    Bytes renamed = good;
+    renamed[at] = 'X';
+    EXPECT_FALSE(parseWav(renamed)) << at;
+  }
 
   const Bytes data = chunk("data", Bytes(64, 0));
-  auto rejects = [&](const Bytes& fmt) { return !parseWav(riff({fmt, data})); };
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(2, 1, 8000, 16))));      // ADPCM
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(6, 1, 8000, 8))));       // A-law
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(1, 1, 8000, 12))));      // 12-bit
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(1, 1, 8000, 20))));      // 20-bit
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(1, 1, 8000, 40))));      // 40-bit
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(1, 1, 8000, 4))));       // below a byte
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(1, 0, 8000, 16))));      // no channels
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(1, 1, 0, 16))));         // no rate
-  EXPECT_TRUE(rejects(chunk("fmt ", fmtBody(1, 65535, 8000, 16))));  // not one whole frame
   Bytes shortFmt = fmtBody(1, 1, 8000, 16);
   shortFmt.resize(14);
-  EXPECT_TRUE(rejects(chunk("fmt ", shortFmt)));
+  // ADPCM, bit depths of no whole byte, above 32 and below 8, no channels, no
+  // rate, not one whole frame, a fmt chunk too short for its fields.
+  for (const Bytes& fmt : {fmtBody(2, 1, 8000, 16), fmtBody(1, 1, 8000, 12), fmtBody(1, 1, 8000, 40),
+                           fmtBody(1, 1, 8000, 4), fmtBody(1, 0, 8000, 16), fmtBody(1, 1, 0, 16),
+                           fmtBody(1, 65535, 8000, 16), shortFmt}) {
+    EXPECT_FALSE(parseWav(riff({chunk("fmt ", fmt), data}))) << testing::PrintToString(fmt);
+  }
   // A fmt chunk whose body is cut off by the end of the file.
   const Bytes fmtLast = riff({data, chunk("fmt ", fmtBody(1, 1, 8000, 16))});
   EXPECT_FALSE(parseWav(std::span(fmtLast).first(fmtLast.size() - 4)));
@@ -273,32 +227,26 @@ TEST(WavTest, FileHelpersReadAndReplaceWholeFiles) {
   EXPECT_TRUE(saveFileBytes(path + "/below", Bytes{1}));
 }
 
-Bytes fixture(const std::string& name) {
-  auto bytes = loadFileBytes(std::string(KELVO_FIXTURES_DIR) + "/" + name);
-  EXPECT_TRUE(bytes) << name;
-  return bytes ? *bytes : Bytes{};
-}
-
 // Files written by real tools (sox) and odd layouts built around their data
-// all read back as the same 16-bit reference.
+// (an odd LIST chunk with its pad byte, fmt after data) all read back as the
+// same 16-bit reference.
 TEST(WavTest, FixturesInEveryLayoutReadAlike) {
   const auto reference = parseWavWithFormat(fixture("wav-s16.wav"));
   ASSERT_TRUE(reference);
   const std::vector<float>& ref = reference->pcm.data;
   ASSERT_EQ(ref.size(), 4800u);
   EXPECT_EQ(reference->pcm.sampleRate, 16000);
-  for (const char* name : {"wav-s24.wav", "wav-s32.wav", "wav-f32.wav", "wav-ext-f32.wav", "wav-list-odd.wav",
-                           "wav-fmt-after-data.wav"}) {
+  const std::tuple<const char*, std::int64_t, bool> layouts[] = {
+      {"wav-s24.wav", 24, false},     {"wav-s32.wav", 32, false},      {"wav-f32.wav", 32, true},
+      {"wav-ext-f32.wav", 32, true},  {"wav-list-odd.wav", 16, false}, {"wav-fmt-after-data.wav", 16, false}};
+  for (const auto& [name, bits, isFloat] : layouts) {
     const auto parsed = parseWavWithFormat(fixture(name));
     ASSERT_TRUE(parsed) << name;
     EXPECT_EQ(parsed->pcm.data, ref) << name;
     EXPECT_EQ(parsed->pcm.sampleRate, 16000) << name;
+    EXPECT_EQ(parsed->format.bitsPerSample, bits) << name;
+    EXPECT_EQ(parsed->format.isFloat, isFloat) << name;
   }
-  const auto s24 = parseWavWithFormat(fixture("wav-s24.wav"));
-  EXPECT_EQ(s24->format.bitsPerSample, 24);
-  EXPECT_FALSE(s24->format.isFloat);
-  EXPECT_TRUE(parseWavWithFormat(fixture("wav-ext-f32.wav"))->format.isFloat);
-  EXPECT_TRUE(parseWavWithFormat(fixture("wav-f32.wav"))->format.isFloat);
 
   // 8-bit keeps 7 bits of the sample (sox dithers on the way down).
   const auto u8 = parseWav(fixture("wav-u8.wav"));
@@ -313,15 +261,13 @@ TEST(WavTest, FixturesInEveryLayoutReadAlike) {
   ASSERT_EQ(stereo->pcm.data.size(), ref.size());
   for (std::size_t i = 0; i < ref.size(); ++i) ASSERT_NEAR(stereo->pcm.data[i], 0.25f * ref[i], 1.0 / 32768) << i;
 
-  // Cut mid-sample: the whole samples that are there.
+  // Cut mid-sample and declaring more data than there is: the whole samples that are there.
   const auto cut = parseWav(fixture("wav-truncated.wav"));
   ASSERT_TRUE(cut);
   ASSERT_EQ(cut->data.size(), ref.size() / 2);
   EXPECT_TRUE(std::equal(cut->data.begin(), cut->data.end(), ref.begin()));
   EXPECT_EQ(readWavHeader(std::string(KELVO_FIXTURES_DIR) + "/wav-truncated.wav")->durationMs,
             std::lround((4845.0 - 44) / 32000 * 1000));
-
-  EXPECT_FALSE(parseWav(fixture("wav-12bit-sync.wav")));
 }
 
 // Writing NaN or an impossible channel count is a caller's bug, not bad input.
