@@ -209,6 +209,8 @@ void AppLog::setRequestHandler(RequestHandler handler) {
   state().requestHandler = std::move(handler);
 }
 
+void AppLog::post(std::function<void()> task) { observer().post(std::move(task)); }
+
 void AppLog::drainHandlers() { observer().drain(); }
 
 std::error_code AppLog::save(const std::string& path) {

@@ -73,8 +73,13 @@ class AppLog {
   // Installs, replaces or (with an empty function) removes the observer.
   static void setLineHandler(LineHandler handler);
   static void setRequestHandler(RequestHandler handler);
-  // Blocks until every handler call scheduled so far has run. For tests and
-  // orderly shutdown; never call it from inside a handler.
+  // Runs `task` on the observer thread, in order with the handler calls
+  // scheduled around it; returns without waiting. For other objects whose
+  // owners expect to be told on that thread (the player's finish report).
+  // REQUIRES: `task` is not empty.
+  static void post(std::function<void()> task);
+  // Blocks until every handler call and task scheduled so far has run. For
+  // tests and orderly shutdown; never call it from inside a handler or task.
   static void drainHandlers();
 
   // Writes the formatted lines, one per line with a final newline, atomically.

@@ -14,6 +14,8 @@ find_package(CURL REQUIRED)
 find_package(ZLIB REQUIRED)
 pkg_check_modules(FONTCONFIG REQUIRED IMPORTED_TARGET fontconfig)
 pkg_check_modules(MPG123 REQUIRED IMPORTED_TARGET libmpg123)
+# Local playback; only the player talks to it.
+pkg_check_modules(ALSA REQUIRED IMPORTED_TARGET alsa)
 # Only the directory of stb_vorbis.h: the decoder is compiled into CKELVOAudio.
 pkg_check_modules(STB REQUIRED stb)
 if(KELVO_TESTS)

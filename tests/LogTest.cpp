@@ -77,12 +77,27 @@ TEST_F(LogTest, HandlersRunOffTheEmittingThreadInOrder) {
   });
   std::atomic<int> requestCount{0};
   AppLog::setRequestHandler([&](const RequestLog&) { ++requestCount; });
-  for (int i = 0; i < 100; ++i) AppLog::info("t", std::to_string(i));
+  // Posted tasks share the handlers' thread and queue: they interleave in order.
+  const auto post = [&](std::string text) {
+    AppLog::post([&, text] {
+      std::lock_guard lock(m);
+      seen.push_back(text);
+      threads.push_back(std::this_thread::get_id());
+    });
+  };
+  std::vector<std::string> expected;
+  for (int i = 0; i < 100; ++i) {
+    AppLog::info("t", std::to_string(i));
+    expected.push_back(std::to_string(i));
+    if (i % 10 == 0) {
+      post("task " + std::to_string(i));
+      expected.push_back("task " + std::to_string(i));
+    }
+  }
   AppLog::request(RequestLog{});
   AppLog::drainHandlers();
   std::lock_guard lock(m);
-  ASSERT_EQ(seen.size(), 100u);
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(seen[static_cast<std::size_t>(i)], std::to_string(i));
+  EXPECT_EQ(seen, expected);
   for (const auto& id : threads) EXPECT_NE(id, std::this_thread::get_id());
   EXPECT_EQ(requestCount.load(), 1);
 }
