@@ -459,6 +459,8 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
   }
   switch (state) {
     case S2EngineState::missing:
+      // Stopped with its files in place: nothing is missing, the detail says why.
+      if (missing.empty()) throw TtsError(TtsErrorCode::engineNotConnected, detail);
       throw TtsError(TtsErrorCode::engineNotConnected, TF("引擎不完整:bin 里缺少 %s", missing));
     case S2EngineState::loading:
       throw TtsError(TtsErrorCode::engineNotConnected, TF("模型还在载入(已经 %.0f 秒),请稍后再试", seconds));
