@@ -86,13 +86,17 @@ HttpClientReply httpExchange(const HttpClientRequest& request) {
   curl_easy_setopt(h, CURLOPT_HEADERDATA, &reply);
   // A proxy from the environment must never sit between us and a local process.
   if (isLoopback(request.url)) curl_easy_setopt(h, CURLOPT_NOPROXY, "*");
-  if (!request.body.empty()) {
-    curl_easy_setopt(h, CURLOPT_POSTFIELDS, request.body.data());
+  // An empty body still goes out (with "Content-Length: 0") for the methods that carry one.
+  const bool sendsBody =
+      !request.body.empty() || request.method == "POST" || request.method == "PUT" || request.method == "PATCH";
+  if (sendsBody) {
+    curl_easy_setopt(h, CURLOPT_POSTFIELDS,
+                     request.body.empty() ? "" : reinterpret_cast<const char*>(request.body.data()));
     curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
   }
   if (request.method == "HEAD") {
     curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
-  } else if (request.method != (request.body.empty() ? "GET" : "POST")) {
+  } else if (request.method != (sendsBody ? "POST" : "GET")) {
     curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, request.method.c_str());
   }
 
