@@ -147,6 +147,62 @@ void addClonePack(std::unordered_map<std::string, JaEn>& t) {
   t["绑定 %s 指向的声音没有导入,已略过这个绑定"] = {
       "割り当て %s の音声がインポートされなかったため、この割り当ては省きました",
       "binding %s points at a voice that was not imported; it was dropped"};
+void addEngine(std::unordered_map<std::string, JaEn>& t) {
+  // Life of the inference process.
+  t["已停止"] = {"停止しました", "stopped"};
+  t["模型已卸载,内存已释放"] = {"モデルをアンロードし、メモリを解放しました", "model unloaded, memory released"};
+  t["bin 里缺少 %s"] = {"bin に %s がありません", "missing %s under bin"};
+  t["正在载入模型…"] = {"モデルを読み込んでいます…", "loading the model…"};
+  t["端口 %d..%d 全被占用了 — 推理进程没地方放"] = {"ポート %d..%d はすべて使用中です — 推論プロセスを置く場所がありません",
+                                              "ports %d..%d are all taken — nowhere to put the inference process"};
+  t["无法启动推理进程:%s(%s)"] = {"推論プロセスを起動できません: %s(%s)", "could not start the inference process: %s (%s)"};
+  t["模型过了 %d 秒还没载入完 — 看 %s"] = {"%d 秒たってもモデルの読み込みが終わりません — %s を見てください",
+                                       "the model still is not loaded after %d s — see %s"};
+  t["%s,端口 %d,载入用了 %.1f 秒"] = {"%s、ポート %d、読み込み %.1f 秒", "%s, port %d, loaded in %.1f s"};
+  t["推理进程退出了(信号 %d):%s,日志 %s"] = {"推論プロセスが終了しました(シグナル %d): %s、ログ %s",
+                                         "the inference process exited (signal %d): %s, log %s"};
+  t["这台电脑的 CPU 不支持引擎用到的指令集(非法指令)。换一个计算后端,或者换一台较新的机器。"] = {
+      "この PC の CPU はエンジンが使う命令セットに対応していません(不正命令)。別の計算バックエンドを選ぶか、新しいマシンを使ってください。",
+      "this PC's CPU does not support an instruction set the engine uses (illegal instruction). Pick a different "
+      "compute backend, or use a newer machine."};
+  t["引擎主动中止了(多半是某个算子这个后端没实现)。看引擎日志的最后几行。"] = {
+      "エンジンが自ら中断しました(このバックエンドに未実装の演算子がある可能性が高いです)。エンジンログの最後の数行を見てください。",
+      "the engine aborted itself (most likely an operator this back-end does not implement). Read the last lines "
+      "of the engine log."};
+  t["内存不够,引擎起不来。"] = {"メモリが足りず、エンジンを起動できません。", "not enough memory to start the engine."};
+  t["引擎发生了访问冲突(模型文件可能已损坏)。"] = {"エンジンでアクセス違反が起きました(モデルファイルが壊れている可能性があります)。",
+                                            "the engine hit an access violation (the model file may be corrupt)."};
+  t["(空)"] = {"(なし)", "(none)"};
+  t["推理进程反复退出(%d 次),已停止自动重启 - 看 %s"] = {
+      "推論プロセスが繰り返し終了しました(%d 回)。自動再起動を止めました - %s を見てください",
+      "the inference process keeps exiting (%d times); auto-restart stopped - see %s"};
+  t["推理进程不见了 — 第 %d 次重启尝试…"] = {"推論プロセスが消えました — 再起動 %d 回目…",
+                                        "the inference process vanished — restart attempt %d…"};
+  // One synthesis call.
+  t["没有要合成的文字"] = {"合成するテキストがありません", "no text to synthesise"};
+  t["引擎不完整:bin 里缺少 %s"] = {"エンジンが不完全です: bin に %s がありません",
+                                 "the engine is incomplete: %s missing under bin"};
+  t["模型还在载入(已经 %.0f 秒),请稍后再试"] = {"モデルはまだ読み込み中です(%.0f 秒経過)。少し待ってから再試行してください",
+                                           "the model is still loading (%.0f s so far), try again shortly"};
+  t["模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"] = {
+      "モデルはアンロード済みで、この文はキャッシュにありません。\n今すぐ合成するには、「モデル」ページで「モデルを読み込む」を押してください。",
+      "The model is unloaded and this line is not in the cache.\nTo synthesize it now, hit Load model on the Service page."};
+  t["推理进程不见了 — 正在重启…"] = {"推論プロセスが消えました — 再起動中…", "the inference process is gone — restarting…"};
+  t["推理进程不见了(崩溃或被杀掉了);它正在自动重启,请稍后再试。"] = {
+      "推論プロセスが消えました(クラッシュしたか、強制終了されました)。自動で再起動中です。少し待ってから再試行してください。",
+      "the inference process is gone (crashed or killed); it is restarting automatically, try again shortly."};
+  t["和推理进程通信失败:%s(日志 %s)"] = {"推論プロセスとの通信に失敗しました: %s(ログ %s)",
+                                     "failed to talk to the inference process: %s (log %s)"};
+  t["推理进程返回的 %d 字节不是可识别的 WAV"] = {"推論プロセスが返した %d バイトは認識できる WAV ではありません",
+                                          "the %d bytes returned by the inference process are not a recognisable WAV"};
+  t["引擎还在忙 — 它一次只合成一句,上一句还没合成完。"] = {
+      "エンジンはまだ処理中です — 一度に 1 文ずつ合成するため、前の文がまだ終わっていません。",
+      "The engine is still busy — it synthesizes one line at a time, and the previous one has not finished."};
+  t["等它合成完再试,或者在设置里调高合成超时。"] = {"終わるのを待って再試行するか、設定で合成タイムアウトを長くしてください。",
+                                            "Wait for it to finish and try again, or raise the synthesis timeout in Settings."};
+  t["推理进程返回了 %d:%s"] = {"推論プロセスが %d を返しました: %s", "the inference process returned %d: %s"};
+  // GPU detection.
+  t["没有找到可用的显卡"] = {"使用できる GPU が見つかりません", "no usable GPU found"};
 }
 
 }  // namespace
@@ -162,6 +218,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addPlaceholder(t);
     addClonePack(t);
     addHttp(t);
+    addEngine(t);
     return t;
   }();
   return table;

@@ -71,9 +71,13 @@ std::string dataRoot() {
   return root;
 }
 
-std::optional<std::string> bundledEngineDir() {
+std::string resourceEngineDir() {
   const fs::path resources = fs::path(executableDir()).parent_path().parent_path() / "share" / "kelvo";
-  const std::string engine = withSlash((resources / "engine").string());
+  return withSlash((resources / "engine").string());
+}
+
+std::optional<std::string> bundledEngineDir() {
+  const std::string engine = resourceEngineDir();
   if (exists(engine + "s2")) return engine;
   if (auto dir = env("KELVO_ENGINE_DIR")) return withSlash(*dir);
   return std::nullopt;

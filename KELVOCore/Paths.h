@@ -21,6 +21,8 @@ std::string portableCandidate();
 // <prefix>/share/kelvo/ for an executable in <prefix>/bin or <prefix>/build);
 // else KELVO_ENGINE_DIR as given, with a trailing "/"; else absent.
 std::optional<std::string> bundledEngineDir();
+// <resources>/engine/, whether or not it exists: where an installed engine lives.
+std::string resourceEngineDir();
 
 std::string dataDir();     // data/
 std::string configFile();  // data/config.json
