@@ -41,6 +41,9 @@ class S2LocalEngine final : public TtsEngine {
     std::chrono::milliseconds loadLimit{300000};   // give up waiting for the model
     std::chrono::milliseconds probeInterval{400};  // between readiness probes
     std::chrono::milliseconds watchInterval{1500};  // between watchdog looks
+    // User-provided so that `Timing timing = {}` below compiles: GCC cannot use
+    // the member initialisers of a nested aggregate before the class is complete.
+    Timing() noexcept {}
   };
 
   // `dataRoot` (ending in "/") holds "engine/", "models/" and "logs/".
