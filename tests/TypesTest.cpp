@@ -21,6 +21,12 @@ TEST(Types, TrimmingCoversUnicodeWhiteSpace) {
   EXPECT_EQ(trimmed(" \xFF "), "\xFF");
 }
 
+TEST(Types, CharactersAreCodePoints) {
+  EXPECT_EQ(characterCount("登机口 5\xFF"), 6);  // a stray byte counts as one
+  EXPECT_EQ(firstCharacters("登机口 5", 2), "登机");
+  EXPECT_EQ(firstCharacters("ab", 40), "ab");
+}
+
 TEST(Types, LanguageNormalisation) {
   EXPECT_EQ(normLang("zh-CN"), "zh");
   EXPECT_EQ(normLang("zh-Hans-CN"), "zh");
