@@ -91,6 +91,29 @@ void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
       "no model under bin yet; this is audible fake audio, only to prove the pipeline works"};
 }
 
+void addService(std::unordered_map<std::string, JaEn>& t) {
+  t["没有要合成的文字"] = {"合成するテキストがありません", "no text to synthesise"};
+  t["文字有 %d 个字,超过了 %d 字的上限"] = {"テキストは %d 文字で、上限の %d 文字を超えています",
+                                         "text is %d characters, over the %d limit"};
+  t["模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"] = {
+      "モデルはアンロードされていて、この文はキャッシュにありません。\n今すぐ合成するには、先に「モデル」ページで「モデルを読み込む」を押してください。",
+      "The model is unloaded and this line is not in the cache.\nTo synthesise it now, first click \"Load model\" on the "
+      "Models page."};
+  t["引擎返回了空音频"] = {"エンジンが空の音声を返しました", "the engine returned empty audio"};
+  t["创建默认声音时引擎没有产出音频"] = {"デフォルト音声の作成中、エンジンが音声を生成しませんでした",
+                                     "the engine produced no audio while creating the default voice"};
+  t["模型首次使用时为自己生成的默认声音"] = {"初回使用時にモデルが自ら生成したデフォルト音声",
+                                       "default voice the model generated for itself on first use"};
+  t["没有可用的声音:%s 没有绑定任何声音"] = {"使える音声がありません: %s に音声が割り当てられていません",
+                                        "no voice available: nothing is bound for %s"};
+  t["航空公司 %s · %s · %s"] = {"航空会社 %s · %s · %s", "airline %s · %s · %s"};
+  t[";%s 也没有 language=Auto 的兜底"] = {"。%s には language=Auto の予備設定もありません",
+                                        "; %s has no language=Auto fallback either"};
+  t["。请在「播报」页绑定一个 - 想让这家航空公司用任何语言播报,就把它的语言设为「自动」。"] = {
+      "。「放送」ページで割り当ててください - この航空会社をどの言語でも放送させるには、言語を「自動」にしてください。",
+      ". Bind one on the Broadcast page - to let this airline speak in any language, set its language to Auto."};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -102,6 +125,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addSelfTest(t);
     addQueue(t);
     addPlaceholder(t);
+    addService(t);
     return t;
   }();
   return table;

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -88,20 +89,24 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
                                                 const TtsEngine& engine, std::int64_t targetRate,
                                                 bool nativeSpeed) const;
   S2Params buildParams(const TtsRequest& request, const VoiceInfo& voice) const;
-  // Changes a cached result's speed in place; nothing within 0.01 of 1.
-  void retimeFromCache(TtsResult& result, float speed) const;
+  // Changes a cached result's speed in place (by the configured speed mode);
+  // nothing within 0.01 of 1. False when the audio was left as it was: no
+  // change needed, or a clip that does not parse (logged).
+  bool retimeFromCache(TtsResult& result, float speed) const;
   // Asks the model for a reference line, stores it as a voice and binds it as
   // the default of (language, gender). Throws TtsError.
   VoiceInfo bootstrapDefaultVoice(const std::string& language, TtsGender gender);
   std::string noVoiceMessage(const TtsRequest& request) const;
 
   void recordDuration(std::int64_t ms);  // keeps the last 200
+  // The recent synthesis time at rank round(p × (n − 1)), p in 0..1; 0 when none.
   std::int64_t percentile(double p) const;
   ServiceStats stats();
   // Hands the non-empty requests to the pre-bake worker; returns how many.
   std::int64_t prewarmRequests(const std::vector<TtsRequest>& requests);
   std::int64_t prewarmPending() const;
-  // Whether synthesize(request) would be a cache hit right now.
+  // Whether synthesize(request) would be a cache hit right now: the same
+  // voice resolution (never creating a voice) and key. Counts nothing.
   bool isCached(const TtsRequest& request);
 
   AppConfig& config() const { return *parts_.config; }
@@ -111,11 +116,34 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   bool usingPlaceholder() const;
 
  private:
+  // What the cache lookup and a synthesis of one request depend on, settled once.
+  struct Plan {
+    std::shared_ptr<TtsEngine> engine;
+    TtsSpeedMode mode = TtsSpeedMode::engine;
+    std::int64_t targetRate = 0;  // 0: keep the engine's rate
+    bool nativeSpeed = false;
+    std::string key;
+    std::string etag;
+  };
+  struct Delivery;
+
   explicit TtsService(Parts parts);
+
+  // The request's voice, created as the default of its language and gender
+  // when nothing is bound and the configuration allows it. Throws TtsError.
+  VoiceInfo requireVoice(const TtsRequest& request);
+  // REQUIRES: `request` is normalised and carries the voice's style.
+  Plan plan(const TtsRequest& request, const VoiceInfo& voice);
+  std::pair<std::string, std::string> keysFor(const TtsRequest& request, const VoiceInfo& voice,
+                                              const std::string& engineName, TtsSpeedMode mode,
+                                              std::int64_t targetRate, bool nativeSpeed) const;
+  TtsResult synthesizeFresh(const TtsRequest& request, const VoiceInfo& voice, const Plan& plan);
+  void countRequest(bool failed);
 
   Parts parts_;
   std::unique_ptr<SynthQueue> queue_;
   std::unique_ptr<PrewarmWorker> prewarm_;
+  std::once_flag shutdownOnce_;
 
   mutable std::mutex lock_;  // guards the fields below
   bool usingPlaceholder_ = false;
