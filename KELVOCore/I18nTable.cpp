@@ -84,24 +84,6 @@ void addQueue(std::unordered_map<std::string, JaEn>& t) {
                                   "the service is shutting down; this request was dropped"};
 }
 
-void addHttp(std::unordered_map<std::string, JaEn>& t) {
-  // The three lines of a port that cannot be listened on.
-  t["端口 %d 已经被占用了。"] = {"ポート %d は既に使用中です。", "port %d is already in use."};
-  t["要么已经有另一个 KELVO 在运行(看看托盘),"] = {"別の KELVO が既に動いているか(トレイを確認してください)、",
-                                              "either another KELVO is already running (check the tray),"};
-  t["要么被别的程序占用了 - 可以在设置里换一个端口。"] = {
-      "別のプログラムが使っています - 設定で別のポートを選べます。",
-      "or another program has taken it - you can pick a different port under Settings."};
-  // Requests the server refuses before any handler sees them.
-  t["请求头超过了 %d KB 的上限"] = {"リクエストヘッダーが上限の %d KB を超えています",
-                                 "the request headers are over the %d KB limit"};
-  t["请求体超过了 %d MB 的上限"] = {"リクエスト本文が上限の %d MB を超えています",
-                                 "the request body is over the %d MB limit"};
-  t["无法解析这个 HTTP 请求"] = {"この HTTP リクエストを解析できません", "this HTTP request cannot be parsed"};
-  t["服务内部出错:%s"] = {"サービス内部エラー: %s", "internal service error: %s"};
-  t["要发送的文件打不开"] = {"送信するファイルを開けません", "the file to be sent cannot be opened"};
-}
-
 void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
   t["占位波形"] = {"プレースホルダー波形", "placeholder waveform"};
   t["bin 里还没有模型;这是可听的假音频,只用来验证链路"] = {
@@ -147,6 +129,26 @@ void addClonePack(std::unordered_map<std::string, JaEn>& t) {
   t["绑定 %s 指向的声音没有导入,已略过这个绑定"] = {
       "割り当て %s の音声がインポートされなかったため、この割り当ては省きました",
       "binding %s points at a voice that was not imported; it was dropped"};
+}
+
+void addHttp(std::unordered_map<std::string, JaEn>& t) {
+  // The three lines of a port that cannot be listened on.
+  t["端口 %d 已经被占用了。"] = {"ポート %d は既に使用中です。", "port %d is already in use."};
+  t["要么已经有另一个 KELVO 在运行(看看托盘),"] = {"別の KELVO が既に動いているか(トレイを確認してください)、",
+                                              "either another KELVO is already running (check the tray),"};
+  t["要么被别的程序占用了 - 可以在设置里换一个端口。"] = {
+      "別のプログラムが使っています - 設定で別のポートを選べます。",
+      "or another program has taken it - you can pick a different port under Settings."};
+  // Requests the server refuses before any handler sees them.
+  t["请求头超过了 %d KB 的上限"] = {"リクエストヘッダーが上限の %d KB を超えています",
+                                 "the request headers are over the %d KB limit"};
+  t["请求体超过了 %d MB 的上限"] = {"リクエスト本文が上限の %d MB を超えています",
+                                 "the request body is over the %d MB limit"};
+  t["无法解析这个 HTTP 请求"] = {"この HTTP リクエストを解析できません", "this HTTP request cannot be parsed"};
+  t["服务内部出错:%s"] = {"サービス内部エラー: %s", "internal service error: %s"};
+  t["要发送的文件打不开"] = {"送信するファイルを開けません", "the file to be sent cannot be opened"};
+}
+
 void addEngine(std::unordered_map<std::string, JaEn>& t) {
   // Life of the inference process.
   t["已停止"] = {"停止しました", "stopped"};
@@ -205,6 +207,29 @@ void addEngine(std::unordered_map<std::string, JaEn>& t) {
   t["没有找到可用的显卡"] = {"使用できる GPU が見つかりません", "no usable GPU found"};
 }
 
+void addService(std::unordered_map<std::string, JaEn>& t) {
+  t["没有要合成的文字"] = {"合成するテキストがありません", "no text to synthesise"};
+  t["文字有 %d 个字,超过了 %d 字的上限"] = {"テキストは %d 文字で、上限の %d 文字を超えています",
+                                         "text is %d characters, over the %d limit"};
+  t["模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"] = {
+      "モデルはアンロードされていて、この文はキャッシュにありません。\n今すぐ合成するには、先に「モデル」ページで「モデルを読み込む」を押してください。",
+      "The model is unloaded and this line is not in the cache.\nTo synthesise it now, first click \"Load model\" on the "
+      "Models page."};
+  t["引擎返回了空音频"] = {"エンジンが空の音声を返しました", "the engine returned empty audio"};
+  t["创建默认声音时引擎没有产出音频"] = {"デフォルト音声の作成中、エンジンが音声を生成しませんでした",
+                                     "the engine produced no audio while creating the default voice"};
+  t["模型首次使用时为自己生成的默认声音"] = {"初回使用時にモデルが自ら生成したデフォルト音声",
+                                       "default voice the model generated for itself on first use"};
+  t["没有可用的声音:%s 没有绑定任何声音"] = {"使える音声がありません: %s に音声が割り当てられていません",
+                                        "no voice available: nothing is bound for %s"};
+  t["航空公司 %s · %s · %s"] = {"航空会社 %s · %s · %s", "airline %s · %s · %s"};
+  t[";%s 也没有 language=Auto 的兜底"] = {"。%s には language=Auto の予備設定もありません",
+                                        "; %s has no language=Auto fallback either"};
+  t["。请在「播报」页绑定一个 - 想让这家航空公司用任何语言播报,就把它的语言设为「自动」。"] = {
+      "。「放送」ページで割り当ててください - この航空会社をどの言語でも放送させるには、言語を「自動」にしてください。",
+      ". Bind one on the Broadcast page - to let this airline speak in any language, set its language to Auto."};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -219,6 +244,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addClonePack(t);
     addHttp(t);
     addEngine(t);
+    addService(t);
     return t;
   }();
   return table;

@@ -10,6 +10,11 @@
 // across a synthesis or another object's lock; the queue serialises the engine.
 // Always owned through a shared_ptr: the pre-bake worker and late-result
 // handlers hold it weakly and do nothing once it is gone.
+//
+// Cost: a cache hit is a few hash lookups, two SHA-256 of the key text and one
+// file read; a fresh line adds the engine time, linear-time post-processing and
+// one file write. Settings are read per request, so a changed speed mode,
+// output rate, normalisation, cache switch or timeout applies to the next one.
 #pragma once
 
 #include <cstdint>
@@ -70,16 +75,22 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // missing), voice library, cache (budget and on/off applied), queue, orphan
   // sweep, local engine start. Never fails: a part that cannot load starts empty.
   static std::shared_ptr<TtsService> open();
-  // The host's stop: waiting jobs fail with the shutdown message while the job
-  // in the engine finishes, the pre-bake worker ends, the engine child is
-  // stopped, the cache index is written. Idempotent; the destructor runs it.
+  // The host's stop: waiting jobs fail with the shutdown message (the queue does
+  // not interrupt the job in the engine, but stopping the engine child ends a
+  // real synthesis with its error), the pre-bake worker takes no further line,
+  // the engine child is stopped, the cache index is written. Later requests
+  // fail with engineNotConnected. Idempotent; the destructor runs it and then
+  // waits for the worker threads.
   void shutdown();
   ~TtsService();
 
   TtsService(const TtsService&) = delete;
   TtsService& operator=(const TtsService&) = delete;
 
-  // The request spoken, from the cache or fresh. Throws TtsError.
+  // The request spoken, from the cache or fresh. `etag` is the cache key, except
+  // for audio retimed here (speed more than 0.01 from 1 without native speed),
+  // which carries the tag of its own speed. Throws TtsError; errors of the voice
+  // resolver and the queue pass unchanged.
   TtsResult synthesize(TtsRequest request);
   // The placeholder while the real engine is missing, else the real engine.
   std::shared_ptr<TtsEngine> activeEngine();
@@ -88,20 +99,26 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
                                                 const TtsEngine& engine, std::int64_t targetRate,
                                                 bool nativeSpeed) const;
   S2Params buildParams(const TtsRequest& request, const VoiceInfo& voice) const;
-  // Changes a cached result's speed in place; nothing within 0.01 of 1.
-  void retimeFromCache(TtsResult& result, float speed) const;
-  // Asks the model for a reference line, stores it as a voice and binds it as
-  // the default of (language, gender). Throws TtsError.
+  // Changes a cached result's speed in place (by the configured speed mode);
+  // nothing within 0.01 of 1. False when the audio was left as it was: no
+  // change needed, or a clip that does not parse (logged).
+  bool retimeFromCache(TtsResult& result, float speed) const;
+  // Asks the model for a reference line (seeded from stableHash of
+  // "language:gender code", 31 bits), stores it as a voice, binds it as the
+  // default of (language, gender) and saves the configuration. Throws TtsError.
   VoiceInfo bootstrapDefaultVoice(const std::string& language, TtsGender gender);
+  // Why no voice was found and how to bind one, localised.
   std::string noVoiceMessage(const TtsRequest& request) const;
 
   void recordDuration(std::int64_t ms);  // keeps the last 200
+  // The recent synthesis time at rank round(p × (n − 1)), p in 0..1; 0 when none.
   std::int64_t percentile(double p) const;
   ServiceStats stats();
   // Hands the non-empty requests to the pre-bake worker; returns how many.
   std::int64_t prewarmRequests(const std::vector<TtsRequest>& requests);
   std::int64_t prewarmPending() const;
-  // Whether synthesize(request) would be a cache hit right now.
+  // Whether synthesize(request) would be a cache hit right now: the same
+  // voice resolution (never creating a voice) and key. Counts nothing.
   bool isCached(const TtsRequest& request);
 
   AppConfig& config() const { return *parts_.config; }
@@ -111,11 +128,34 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   bool usingPlaceholder() const;
 
  private:
+  // What the cache lookup and a synthesis of one request depend on, settled once.
+  struct Plan {
+    std::shared_ptr<TtsEngine> engine;
+    TtsSpeedMode mode = TtsSpeedMode::engine;
+    std::int64_t targetRate = 0;  // 0: keep the engine's rate
+    bool nativeSpeed = false;
+    std::string key;
+    std::string etag;
+  };
+  struct Delivery;
+
   explicit TtsService(Parts parts);
+
+  // The request's voice, created as the default of its language and gender
+  // when nothing is bound and the configuration allows it. Throws TtsError.
+  VoiceInfo requireVoice(const TtsRequest& request);
+  // REQUIRES: `request` is normalised and carries the voice's style.
+  Plan plan(const TtsRequest& request, const VoiceInfo& voice);
+  std::pair<std::string, std::string> keysFor(const TtsRequest& request, const VoiceInfo& voice,
+                                              const std::string& engineName, TtsSpeedMode mode,
+                                              std::int64_t targetRate, bool nativeSpeed) const;
+  TtsResult synthesizeFresh(const TtsRequest& request, const VoiceInfo& voice, const Plan& plan);
+  void countRequest(bool failed);
 
   Parts parts_;
   std::unique_ptr<SynthQueue> queue_;
   std::unique_ptr<PrewarmWorker> prewarm_;
+  std::once_flag shutdownOnce_;
 
   mutable std::mutex lock_;  // guards the fields below
   bool usingPlaceholder_ = false;

@@ -247,6 +247,33 @@ std::string caseMapped(std::string_view s, bool upper) {
 std::string toLower(std::string_view s) { return caseMapped(s, false); }
 std::string toUpper(std::string_view s) { return caseMapped(s, true); }
 
+namespace {
+// Byte offset just past the first `count` code points of `s` (or its size).
+std::int32_t codePointsEnd(std::string_view s, std::int64_t count, std::int64_t& counted) {
+  const auto* p = reinterpret_cast<const std::uint8_t*>(s.data());
+  const auto length = static_cast<std::int32_t>(std::min<std::size_t>(s.size(), INT32_MAX));
+  std::int32_t at = 0;
+  counted = 0;
+  while (at < length && counted < count) {
+    UChar32 c;
+    U8_NEXT(p, at, length, c);
+    ++counted;
+  }
+  return at;
+}
+}  // namespace
+
+std::int64_t characterCount(std::string_view s) {
+  std::int64_t counted = 0;
+  codePointsEnd(s, INT64_MAX, counted);
+  return counted;
+}
+
+std::string firstCharacters(std::string_view s, std::int64_t count) {
+  std::int64_t counted = 0;
+  return std::string(s.substr(0, static_cast<std::size_t>(codePointsEnd(s, count, counted))));
+}
+
 std::string normAirline(std::string_view s) { return toUpper(trimmed(s)); }
 
 std::string normLang(std::string_view s) {

@@ -217,6 +217,11 @@ struct CheckResult {
 std::string trimmed(std::string_view s);
 std::string toLower(std::string_view s);  // Unicode-aware, locale-independent
 std::string toUpper(std::string_view s);
+// Length limits and log excerpts count characters as Unicode code points; an
+// ill-formed byte counts as one.
+std::int64_t characterCount(std::string_view s);
+// The first `count` characters of `s`, never cutting one in half.
+std::string firstCharacters(std::string_view s, std::int64_t count);
 
 std::string normAirline(std::string_view s);  // trimmed + upper case, nothing else
 // A bare lower-case language code ("zh-CN" -> "zh", "JA_jp" -> "ja", "cn" -> "zh");

@@ -12,6 +12,12 @@ namespace {
 
 using Texts = std::pair<std::string_view, std::string_view>;
 
+TEST(Types, CharactersAreCodePoints) {
+  EXPECT_EQ(characterCount("登机口 5\xFF"), 6);  // a stray byte counts as one
+  EXPECT_EQ(firstCharacters("登机口 5", 2), "登机");
+  EXPECT_EQ(firstCharacters("ab", 40), "ab");
+}
+
 TEST(Types, TextNormalisation) {
   // Unicode white space goes at both ends, inner spaces stay, broken UTF-8 is kept rather than eaten.
   const Texts trims[] = {{"  hi \t\n", "hi"},
