@@ -208,13 +208,8 @@ void addEngine(std::unordered_map<std::string, JaEn>& t) {
 }
 
 void addService(std::unordered_map<std::string, JaEn>& t) {
-  t["没有要合成的文字"] = {"合成するテキストがありません", "no text to synthesise"};
   t["文字有 %d 个字,超过了 %d 字的上限"] = {"テキストは %d 文字で、上限の %d 文字を超えています",
                                          "text is %d characters, over the %d limit"};
-  t["模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"] = {
-      "モデルはアンロードされていて、この文はキャッシュにありません。\n今すぐ合成するには、先に「モデル」ページで「モデルを読み込む」を押してください。",
-      "The model is unloaded and this line is not in the cache.\nTo synthesise it now, first click \"Load model\" on the "
-      "Models page."};
   t["引擎返回了空音频"] = {"エンジンが空の音声を返しました", "the engine returned empty audio"};
   t["创建默认声音时引擎没有产出音频"] = {"デフォルト音声の作成中、エンジンが音声を生成しませんでした",
                                      "the engine produced no audio while creating the default voice"};
