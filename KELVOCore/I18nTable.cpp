@@ -91,6 +91,45 @@ void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
       "no model under bin yet; this is audible fake audio, only to prove the pipeline works"};
 }
 
+
+void addHttpApi(std::unordered_map<std::string, JaEn>& t) {
+  // Refusals of the /v1 routes.
+  t["%s 不能用在这个路径上"] = {"%s はこのパスでは使えません", "%s is not allowed on this path"};
+  t["请求体不是合法的 JSON"] = {"リクエスト本文が正しい JSON ではありません", "request body is not valid JSON"};
+  t["没有这个路径:"] = {"そのパスはありません: ", "no such path: "};
+  t["超过了每分钟 %d 次请求的上限"] = {"1 分間 %d リクエストの上限を超えました",
+                                   "over the limit of %d requests per minute"};
+  t["没有这个音色:"] = {"その音声はありません: ", "no such voice: "};
+  t["缺少航司(ICAO 三字码)"] = {"航空会社がありません(ICAO 3 レターコード)",
+                                "missing airline (ICAO three-letter code)"};
+  t["audio 不是合法的 base64"] = {"audio が正しい base64 ではありません", "audio is not valid base64"};
+  t["clips 里有一段不是合法的 base64"] = {"clips の中に正しい base64 でないものがあります",
+                                      "one entry in clips is not valid base64"};
+  t["clips 里没有可用的音频"] = {"clips に使える音声がありません", "clips contains no usable audio"};
+  t["缺少 audio 字段(base64 参考音频),多段请用 clips 数组"] = {
+      "audio フィールド(base64 の参照音声)がありません。複数なら clips 配列を使ってください",
+      "missing the audio field (base64 reference audio), or use the clips array for several"};
+  // The connectivity self-check.
+  t["全部通过 - 客户端可以连接。"] = {"すべて合格 - クライアントは接続できます。",
+                                   "All checks passed - the client can connect."};
+  t["有检查没通过 - 请按上面标出的项目修正。"] = {"不合格の項目があります - 上に示した項目を直してください。",
+                                           "Some checks failed - fix the item shown above."};
+  t["配置文件"] = {"設定ファイル", "Configuration"};
+  t["读不到 %s"] = {"%s を読めません", "cannot read %s"};
+  t["%s 不是合法的 JSON"] = {"%s は正しい JSON ではありません", "%s is not valid JSON"};
+  t["音色"] = {"音声", "Voice"};
+  t["还没有;第一次合成时会自动生成默认音色"] = {"まだありません。最初の合成時にデフォルト音声が自動生成されます",
+                                          "none yet; a default voice is generated on the first synthesis"};
+  t["引擎"] = {"エンジン", "Engine"};
+  t["合成"] = {"合成", "Synthesis"};
+  t["%d ms 音频,%s,%s"] = {"%d ms の音声、%s、%s", "%d ms of audio, %s, %s"};
+  t["来自缓存"] = {"キャッシュから", "from the cache"};
+  t["新合成"] = {"新規合成", "freshly synthesised"};
+  t["缓存"] = {"キャッシュ", "Cache"};
+  t["缓存目录写不进去:%s"] = {"キャッシュフォルダに書き込めません: %s", "cannot write to the cache folder: %s"};
+  t["%lld 条,%lld 字节"] = {"%lld 件、%lld バイト", "%lld lines, %lld bytes"};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -102,6 +141,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addSelfTest(t);
     addQueue(t);
     addPlaceholder(t);
+    addHttpApi(t);
     return t;
   }();
   return table;
