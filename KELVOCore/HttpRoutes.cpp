@@ -256,7 +256,8 @@ HttpResponse TtsHttpService::logLines(const HttpRequest& request) {
   Json lines = Json::array();
   for (std::size_t i = from; i < all.size(); ++i) {
     const LogEntry& e = all[i];
-    lines.push_back(Json{{"level", std::string(name(e.level))},
+    lines.push_back(Json{{"id", e.id},
+                         {"level", std::string(name(e.level))},
                          {"source", e.source},
                          {"text", e.text},
                          {"line", e.formatted()}});

@@ -130,6 +130,57 @@ void addHttpApi(std::unordered_map<std::string, JaEn>& t) {
   t["%lld 条,%lld 字节"] = {"%lld 件、%lld バイト", "%lld lines, %lld bytes"};
 }
 
+void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
+  // What the `kelvo` operator commands print.
+  t["%s 上没有 KELVO 服务在应答 — 请用 `kelvo serve` 启动它"] = {
+      "%s で応答する KELVO サービスがありません — `kelvo serve` で起動してください",
+      "no KELVO service answers at %s — start it with `kelvo serve`"};
+  t["服务返回了 %d"] = {"サービスが %d を返しました", "the service answered %d"};
+  t["无法写入 %s:%s"] = {"%s に書き込めません: %s", "cannot write %s: %s"};
+  t["无法播放这段音频"] = {"この音声を再生できません", "cannot play this audio"};
+  t["引擎 %s · 音色 %s · %.1f 秒 · %s"] = {"エンジン %s · 音声 %s · %.1f 秒 · %s", "engine %s · voice %s · %.1f s · %s"};
+  t["缓存命中"] = {"キャッシュヒット", "cache hit"};
+  t["%s · %.1f 秒"] = {"%s · %.1f 秒", "%s · %.1f s"};
+  t["还没有音色。用 `kelvo voices clone` 克隆一个。"] = {
+      "まだ音声がありません。`kelvo voices clone` でクローンしてください。",
+      "no voices yet. Clone one with `kelvo voices clone`."};
+  t["名称"] = {"名前", "Name"};
+  t["语言"] = {"言語", "Language"};
+  t["性别"] = {"性別", "Gender"};
+  t["片段"] = {"クリップ", "Clips"};
+  t["风格"] = {"スタイル", "Style"};
+  t["%d 段音频需要 %d 段 --text,现在有 %d 段"] = {"%d 個のクリップには %d 個の --text が必要ですが、%d 個です",
+                                              "%d clips need %d --text transcripts; got %d"};
+  t["已克隆音色 %s(%s,%d 段)"] = {"音声 %s をクローンしました(%s、%d クリップ)", "cloned voice %s (%s, %d clips)"};
+  t["已删除音色 %s 及其绑定"] = {"音声 %s とその割り当てを削除しました", "removed voice %s and its bindings"};
+  t["用法: kelvo bind ICAO 语言 性别 音色 | kelvo bind --default 语言 性别 音色"] = {
+      "使い方: kelvo bind ICAO 言語 性別 音声 | kelvo bind --default 言語 性別 音声",
+      "usage: kelvo bind ICAO LANGUAGE GENDER VOICE | kelvo bind --default LANGUAGE GENDER VOICE"};
+  t["用法: kelvo unbind ICAO 语言 性别 | kelvo unbind --default 语言 性别"] = {
+      "使い方: kelvo unbind ICAO 言語 性別 | kelvo unbind --default 言語 性別",
+      "usage: kelvo unbind ICAO LANGUAGE GENDER | kelvo unbind --default LANGUAGE GENDER"};
+  t["%s 已解除绑定"] = {"%s の割り当てを解除しました", "%s unbound"};
+  t["航司绑定"] = {"航空会社の割り当て", "Airline bindings"};
+  t["航司"] = {"航空会社", "Airline"};
+  t["默认音色"] = {"デフォルト音声", "Default voices"};
+  t["占位"] = {"プレースホルダー", "placeholder"};
+  t["%lld 条,%s,命中率 %.0f%%"] = {"%lld 件、%s、ヒット率 %.0f%%", "%lld lines, %s, hit rate %.0f%%"};
+  t["队列"] = {"キュー", "Queue"};
+  t["%lld 条等待,%s;预烘焙待办 %lld"] = {"%lld 件待ち、%s、事前生成の残り %lld",
+                                         "%lld waiting, %s; pre-bake pending %lld"};
+  t["正在合成"] = {"合成中", "synthesising"};
+  t["空闲"] = {"待機中", "idle"};
+  t["耗时"] = {"所要時間", "Latency"};
+  t["请求"] = {"リクエスト", "Requests"};
+  t["共 %lld,失败 %lld"] = {"合計 %lld、失敗 %lld", "%lld in all, %lld failed"};
+  t["缓存已清空"] = {"キャッシュを空にしました", "cache cleared"};
+  t["已排队 %lld 条,%lld 条已在缓存,跳过 %lld 条空行"] = {
+      "%lld 件をキューに入れました。%lld 件はキャッシュ済み、空行 %lld 件をスキップ",
+      "queued %lld, %lld already cached, %lld empty skipped"};
+  t["%lld / %lld · 每分钟 %.1f 条 · 还剩 %s"] = {"%lld / %lld · 毎分 %.1f 件 · 残り %s",
+                                              "%lld / %lld · %.1f lines/min · %s left"};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -142,6 +193,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addQueue(t);
     addPlaceholder(t);
     addHttpApi(t);
+    addCommandLine(t);
     return t;
   }();
   return table;
