@@ -208,6 +208,7 @@ HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string
   if (path == "/v1/log") return method == "GET" ? logLines(request) : methodNotAllowed(method);
   if (path == "/v1/cache" && method == "DELETE") return clearCache();
   if (path == "/v1/voices" || path.rfind("/v1/voices/", 0) == 0) return voicesRoute(request, path);
+  if (path.rfind("/v1/packs/", 0) == 0) return packsRoute(request, path);
   return noSuchPath(request.path);
 }
 

@@ -88,6 +88,7 @@ class TtsHttpService {
   HttpResponse voicesRoute(const HttpRequest& request, const std::string& path);
   HttpResponse cloneVoice(const HttpRequest& request);
   HttpResponse removeVoice(const std::string& id);
+  HttpResponse packsRoute(const HttpRequest& request, const std::string& path);
 
   std::shared_ptr<TtsService> service_;
   Clock clock_;

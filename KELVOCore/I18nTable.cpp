@@ -105,6 +105,8 @@ void addHttpApi(std::unordered_map<std::string, JaEn>& t) {
   t["audio 不是合法的 base64"] = {"audio が正しい base64 ではありません", "audio is not valid base64"};
   t["clips 里有一段不是合法的 base64"] = {"clips の中に正しい base64 でないものがあります",
                                       "one entry in clips is not valid base64"};
+  t["请至少指定一个航司绑定或音色来导出"] = {"書き出す航空会社の割り当てか音声を 1 つ以上指定してください",
+                                          "name at least one airline binding or voice to export"};
   t["clips 里没有可用的音频"] = {"clips に使える音声がありません", "clips contains no usable audio"};
   t["缺少 audio 字段(base64 参考音频),多段请用 clips 数组"] = {
       "audio フィールド(base64 の参照音声)がありません。複数なら clips 配列を使ってください",

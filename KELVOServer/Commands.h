@@ -25,5 +25,7 @@ void addVoiceCommands(CLI::App& app, const CommonOptions& common);
 void addStatusCommands(CLI::App& app, const CommonOptions& common);
 // `kelvo prebake`.
 void addPrebakeCommand(CLI::App& app, const CommonOptions& common);
+// `kelvo pack export`, `kelvo pack import`.
+void addPackCommands(CLI::App& app, const CommonOptions& common);
 
 }  // namespace kelvo::cli

@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
   addVoiceCommands(app, common);
   addStatusCommands(app, common);
   addPrebakeCommand(app, common);
+  addPackCommands(app, common);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {

@@ -165,5 +165,93 @@ class ServeTest(unittest.TestCase):
             self.assertEqual(subprocess.run([KELVO] + bad, capture_output=True).returncode, 2, bad)
 
 
+class CommandLineTest(unittest.TestCase):
+    """The operator commands against a live service, in the order an operator
+    follows the README: clone, bind, pre-bake, say, status, log, packs."""
+
+    def setUp(self):
+        self.home = tempfile.mkdtemp(prefix="kelvo-cli-")
+        self.srv = Server(self.home, free_port())
+        self.url = f"http://127.0.0.1:{self.srv.port}"
+
+    def tearDown(self):
+        self.srv.stop()
+        subprocess.run(["rm", "-rf", self.home], check=False)
+
+    def kelvo(self, *args, expect=0):
+        env = dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en")
+        run = subprocess.run([KELVO, *args, "--url", self.url], env=env,
+                             capture_output=True, text=True, timeout=120)
+        self.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
+        return run.stdout + run.stderr
+
+    def test_everyday_use(self):
+        clip = os.path.join(self.home, "anna.wav")
+        with open(clip, "wb") as f:
+            f.write(tone_wav())
+        out = self.kelvo("voices", "clone", clip, "--text", "welcome aboard", "--display", "Anna",
+                         "--language", "en", "--gender", "female")
+        voice = json.loads(self.kelvo("voices", "--json"))["voices"][0]["id"]
+        self.assertIn(voice, out)
+        self.assertIn("Anna", self.kelvo("voices"))
+        self.assertIn("KVO:en:female", self.kelvo("bind", "KVO", "en", "female", voice))
+        self.assertIn(voice, self.kelvo("bindings"))
+
+        lines = os.path.join(self.home, "lines.txt")
+        with open(lines, "w") as f:
+            f.write("Boarding now at gate 4\n\nFinal call for flight 12\nGate change to B 7\n")
+        out = self.kelvo("prebake", lines, "--airline", "KVO", "--language", "en", "--gender", "female")
+        self.assertIn("queued 3", out)
+        self.assertIn("3 / 3", out)  # the progress reached the end
+        self.assertEqual(json.loads(self.kelvo("status", "--json"))["stats"]["prewarm_pending"], 0)
+
+        wav = os.path.join(self.home, "line.wav")
+        out = self.kelvo("say", "Final call for flight 12", "--airline", "KVO", "--language", "en",
+                         "--gender", "female", "-o", wav)
+        self.assertIn(voice, out)
+        self.assertIn("cache hit", out)  # pre-baked
+        with wave.open(wav) as w:
+            frames, rate = w.getnframes(), w.getframerate()
+        self.assertEqual(os.path.getsize(wav), 44 + 2 * frames)
+        self.assertGreater(frames / rate, 0.5)
+
+        status = self.kelvo("status")
+        for word in ("placeholder", "p50", "hit rate"):
+            self.assertIn(word, status)
+        self.assertIn("pre-baked one entry", self.kelvo("log", "-n", "50"))
+        self.assertIn("cache cleared", self.kelvo("cache", "clear"))
+
+        # Carry the voice and its binding to a second installation.
+        pack = os.path.join(self.home, "kvo.cln")
+        self.assertIn("1 voice(s)", self.kelvo("pack", "export", "--airline", "KVO:en:female", "-o", pack))
+        other = tempfile.mkdtemp(prefix="kelvo-cli2-")
+        second = Server(other, free_port())
+        try:
+            env = dict(os.environ, KELVO_HOME=other, LANGUAGE="en")
+            run = subprocess.run([KELVO, "pack", "import", pack, "--url", f"http://127.0.0.1:{second.port}"],
+                                 env=env, capture_output=True, text=True, timeout=60)
+            self.assertEqual(run.returncode, 0, run.stderr)
+            status, headers, _ = second.request("GET", "/v1/tts?text=Hello&airline=KVO&language=en&gender=female")
+            self.assertEqual((status, headers["X-KELVO-Voice"]), (200, voice))
+        finally:
+            second.stop()
+            subprocess.run(["rm", "-rf", other], check=False)
+
+    def test_errors_have_their_exit_status(self):
+        dead = f"http://127.0.0.1:{free_port()}"
+        env = dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en")
+        run = subprocess.run([KELVO, "status", "--url", dead], env=env, capture_output=True, text=True)
+        self.assertEqual(run.returncode, 3)
+        self.assertIn(f"no KELVO service answers at {dead}", run.stderr)
+        self.assertIn("kelvo serve", run.stderr)
+        self.assertIn("no such voice", self.kelvo("voices", "rm", "ghost", expect=1))
+        self.assertIn("no text to synthesise", self.kelvo("say", " ", expect=1))
+        self.kelvo("say", expect=2)
+        self.kelvo("bind", "KVO", "en", expect=2)
+        self.kelvo("say", "hi", "--speed", "9", expect=2)
+        config = os.path.join(self.home, "data", "config.json")
+        self.assertIn("A .cln is a zip package", self.kelvo("pack", "import", config, expect=1))
+
+
 if __name__ == "__main__":
     unittest.main(verbosity=2)
