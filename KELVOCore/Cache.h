@@ -106,6 +106,8 @@ class WavCache {
   // only when there are unsaved changes and the last write is 2 s or more ago.
   void saveIndex(bool force);
 
+  const std::string& directory() const { return dir_; }  // ends in "/"
+
   // A disabled cache neither serves nor stores; its content is kept.
   void setEnabled(bool enabled);
   bool isEnabled() const;

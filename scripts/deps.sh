@@ -6,7 +6,7 @@ set -euo pipefail
 KELVO_PACKAGES=(
   cmake ninja-build g++ pkg-config
   libssl-dev libicu-dev nlohmann-json3-dev libsimdjson-dev libfontconfig-dev
-  libmpg123-dev libstb-dev libboost1.81-dev libcurl4-openssl-dev libcli11-dev zlib1g-dev
+  python3 libmpg123-dev libstb-dev libboost1.81-dev libcurl4-openssl-dev libcli11-dev zlib1g-dev
   libasound2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libsoundtouch-dev
 )

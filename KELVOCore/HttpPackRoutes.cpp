@@ -1,0 +1,59 @@
+// The clone-pack routes: export voices and bindings as one .cln archive, and
+// import one. An archive arrives from other machines and public hubs, so the
+// import hands the bytes to ClonePack, which treats every one as hostile.
+#include <ctime>
+
+#include "KELVOCore/ClonePack.h"
+#include "KELVOCore/HttpRoutes.h"
+#include "KELVOCore/I18n.h"
+
+namespace kelvo {
+
+namespace {
+
+std::vector<std::string> stringList(const Json& body, std::string_view key) {
+  std::vector<std::string> out;
+  for (const Json& item : jArr(body, key).value_or(Json::array())) {
+    if (item.is_string() && !trimmed(item.get<std::string>()).empty()) out.push_back(trimmed(item.get<std::string>()));
+  }
+  return out;
+}
+
+std::string packFileName() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &utc);
+  return "kelvo-pack-" + std::string(stamp) + "." + std::string(clnExt);
+}
+
+}  // namespace
+
+HttpResponse TtsHttpService::packsRoute(const HttpRequest& request, const std::string& path) {
+  if (path != "/v1/packs/export" && path != "/v1/packs/import") return noSuchPath(request.path);
+  if (request.method != "POST") return methodNotAllowed(request.method);
+  if (path == "/v1/packs/import") {
+    const PackSummary summary = importPack(std::span<const std::uint8_t>(request.body), service_->voices(),
+                                           service_->config());
+    return HttpResponse::json(200, packSummaryJson(summary));
+  }
+
+  const std::optional<Json> body = parseJsonObject(request.body);
+  if (!body) return badJson();
+  const std::vector<std::string> airlines = stringList(*body, "airlines");
+  const std::vector<std::string> voices = stringList(*body, "voices");
+  if (airlines.empty() && voices.empty()) {
+    return HttpResponse::error(400, "bad_request", T("请至少指定一个航司绑定或音色来导出"));
+  }
+  BuiltPack pack = buildPack(airlines, voices, service_->voices(), service_->config());
+  HttpResponse response;
+  response.headers = {{"Content-Type", "application/zip"},
+                      {"Content-Disposition", "attachment; filename=\"" + packFileName() + "\""},
+                      // Escaped to ASCII: header values must not carry raw UTF-8.
+                      {"X-KELVO-Pack", packSummaryJson(pack.summary).dump(-1, ' ', true)}};
+  response.body = std::move(pack.archive);
+  return response;
+}
+
+}  // namespace kelvo

@@ -1,0 +1,392 @@
+#include "KELVOCore/HttpRoutes.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "KELVOCore/I18n.h"
+#include "KELVOCore/Log.h"
+#include "KELVOCore/SelfCheck.h"
+#include "KELVOCore/Version.h"
+
+namespace kelvo {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+// Paths are matched in ASCII lower case only, so that byte offsets in the
+// lowered path stay valid in the original (voice ids are taken from there).
+std::string asciiLower(std::string s) {
+  for (char& c : s) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return s;
+}
+
+TtsPriority priorityFromCode(const std::string& code) {
+  return toLower(trimmed(code)) == "high" ? TtsPriority::high : TtsPriority::normal;
+}
+
+// Query numbers are text; anything that is not a whole number keeps `def`.
+std::int64_t queryInt(const HttpRequest& request, std::string_view name, std::int64_t def) {
+  const std::string raw = request.queryValue(name);
+  if (raw.empty()) return def;
+  char* end = nullptr;
+  const long long v = std::strtoll(raw.c_str(), &end, 10);
+  return end != nullptr && *end == '\0' ? static_cast<std::int64_t>(v) : def;
+}
+
+float queryFloat(const HttpRequest& request, std::string_view name, float def) {
+  const std::string raw = request.queryValue(name);
+  if (raw.empty()) return def;
+  char* end = nullptr;
+  const float v = std::strtof(raw.c_str(), &end);
+  return end != nullptr && *end == '\0' ? v : def;
+}
+
+std::int64_t millisSince(SteadyClock::time_point start) {
+  const double ms = std::chrono::duration<double, std::milli>(SteadyClock::now() - start).count();
+  // A clock that went wrong must not poison the request log with garbage.
+  if (!std::isfinite(ms) || ms < 0 || ms > static_cast<double>(std::numeric_limits<std::int64_t>::max())) return 0;
+  return static_cast<std::int64_t>(ms);
+}
+
+// Clients echo the tag either as sent or quoted (and browsers may mark it weak).
+bool etagMatches(std::string candidate, const std::string& etag) {
+  candidate = trimmed(candidate);
+  if (candidate.rfind("W/", 0) == 0) candidate.erase(0, 2);
+  if (candidate.size() >= 2 && candidate.front() == '"' && candidate.back() == '"') {
+    candidate = candidate.substr(1, candidate.size() - 2);
+  }
+  return !etag.empty() && candidate == etag;
+}
+
+HttpResponse errorFor(const TtsError& e) {
+  return HttpResponse::error(e.httpStatus(), errorName(e.code), e.message);
+}
+
+}  // namespace
+
+// ---- Request parsing ------------------------------------------------------------
+
+TtsRequest requestFromJson(const Json& body) {
+  TtsRequest r;
+  r.text = jStr(body, "text");
+  r.voiceId = jStr(body, "voice");
+  if (trimmed(r.voiceId).empty()) r.voiceId = jStr(body, "reference_id");
+  r.airline = jStr(body, "airline");
+  r.language = jStr(body, "language", "auto");
+  r.gender = parseGender(jStr(body, "gender", "default"));
+  r.style = jStr(body, "style");
+  r.speed = static_cast<float>(jFloat(body, "speed", 1.0));
+  r.sampleRate = jInt(body, "sample_rate", 0);
+  r.seed = jInt(body, "seed", 0);
+  r.priority = priorityFromCode(jStr(body, "priority", "normal"));
+  return r;
+}
+
+TtsRequest requestFromQuery(const HttpRequest& request) {
+  TtsRequest r;
+  r.text = request.queryValue("text");
+  r.voiceId = request.queryValue("voice");
+  r.airline = request.queryValue("airline");
+  r.language = request.queryValue("language", "auto");
+  r.gender = parseGender(request.queryValue("gender", "default"));
+  r.style = request.queryValue("style");
+  r.speed = queryFloat(request, "speed", 1.0f);
+  r.sampleRate = queryInt(request, "sample_rate", 0);
+  r.seed = queryInt(request, "seed", 0);
+  r.priority = priorityFromCode(request.queryValue("priority", "normal"));
+  return r;
+}
+
+// ---- Life cycle -------------------------------------------------------------------
+
+TtsHttpService::TtsHttpService(std::shared_ptr<TtsService> service, Clock clock)
+    : service_(std::move(service)), clock_(clock ? std::move(clock) : Clock(&SteadyClock::now)) {}
+
+TtsHttpService::~TtsHttpService() { stop(); }
+
+void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional<std::int64_t> port) {
+  stop();
+  auto server = std::make_unique<HttpServer>(bindAddress.value_or(service_->config().bindAddress()),
+                                             port.value_or(service_->config().port()),
+                                             [this](const HttpRequest& r) { return dispatch(r); });
+  server->start();
+  server_ = std::move(server);
+}
+
+void TtsHttpService::stop() {
+  if (server_) {
+    server_->stop();
+    server_.reset();
+  }
+}
+
+bool TtsHttpService::isRunning() const { return server_ && server_->isRunning(); }
+
+std::int64_t TtsHttpService::boundPort() const { return server_ ? server_->boundPort() : 0; }
+
+std::string TtsHttpService::endpoint() const {
+  const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
+  std::string host = service_->config().bindAddress();
+  if (host.empty() || host == "0.0.0.0") host = "127.0.0.1";
+  return "http://" + host + ":" + std::to_string(port);
+}
+
+std::vector<std::string> TtsHttpService::allEndpoints() const {
+  const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
+  std::vector<std::string> urls{endpoint()};
+  for (std::string& url : reachableUrls(service_->config().bindAddress(), port)) {
+    if (std::find(urls.begin(), urls.end(), url) == urls.end()) urls.push_back(std::move(url));
+  }
+  return urls;
+}
+
+// ---- Dispatch ------------------------------------------------------------------------
+
+HttpResponse TtsHttpService::badJson() { return HttpResponse::error(400, "bad_json", T("请求体不是合法的 JSON")); }
+
+HttpResponse TtsHttpService::methodNotAllowed(const std::string& method) {
+  return HttpResponse::error(405, "method_not_allowed", TF("%s 不能用在这个路径上", method));
+}
+
+HttpResponse TtsHttpService::noSuchPath(const std::string& path) {
+  return HttpResponse::error(404, "not_found", T("没有这个路径:") + path);
+}
+
+HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
+  const std::string path = asciiLower(request.path);
+  if (path == "/v1/health" || path == "/health") return request.method == "GET" ? health() : methodNotAllowed(request.method);
+  if (rateLimited(request.peer)) {
+    const std::int64_t limit = service_->config().rateLimitPerMinute();
+    HttpResponse r = HttpResponse::error(429, "rate_limited", TF("超过了每分钟 %d 次请求的上限", static_cast<int>(limit)));
+    r.headers["Retry-After"] = "60";
+    return r;
+  }
+  try {
+    return route(request, path);
+  } catch (const TtsError& e) {
+    return errorFor(e);
+  } catch (const std::exception& e) {
+    return HttpResponse::error(500, "internal", e.what());
+  }
+}
+
+bool TtsHttpService::rateLimited(const std::string& peer) {
+  const std::int64_t limit = service_->config().rateLimitPerMinute();
+  if (limit < 1) return false;
+  const auto now = clock_();
+  constexpr auto period = std::chrono::seconds(60);
+  std::lock_guard<std::mutex> guard(lock_);
+  auto it = hits_.find(peer);
+  if (it != hits_.end() && now - it->second.start < period) {
+    if (it->second.count >= limit) return true;
+    ++it->second.count;
+    return false;
+  }
+  // A scan from many addresses must not grow the table for ever: once it is
+  // large, forget every peer whose period is over before adding one.
+  if (it == hits_.end() && hits_.size() >= rateTablePruneSize) {
+    std::erase_if(hits_, [&](const auto& entry) { return now - entry.second.start >= period; });
+  }
+  hits_[peer] = Period{now, 1};
+  return false;
+}
+
+HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string& path) {
+  const std::string& method = request.method;
+  if (path == "/v1/tts") return synthesis(request);
+  if (path == "/v1/prewarm") return prewarm(request);
+  if (path == "/v1/selftest" || path == "/selftest") {
+    return method == "GET" ? selfCheck(request) : methodNotAllowed(method);
+  }
+  if (path == "/v1/airlines" || path == "/v1/defaults") return bindings(request, path == "/v1/airlines");
+  if (path == "/v1/stats") return method == "GET" ? stats() : methodNotAllowed(method);
+  if (path == "/v1/log") return method == "GET" ? logLines(request) : methodNotAllowed(method);
+  if (path == "/v1/cache" && method == "DELETE") return clearCache();
+  if (path == "/v1/voices" || path.rfind("/v1/voices/", 0) == 0) return voicesRoute(request, path);
+  if (path.rfind("/v1/packs/", 0) == 0) return packsRoute(request, path);
+  return noSuchPath(request.path);
+}
+
+// ---- Health, statistics, log, cache --------------------------------------------------
+
+HttpResponse TtsHttpService::health() {
+  const EngineHealth h = service_->activeEngine()->checkHealth();
+  const AppConfig& config = service_->config();
+  return HttpResponse::json(200, Json{{"status", h.ready ? "ready" : "degraded"},
+                                      {"version", std::string(KELVO::version)},
+                                      {"engine", h.backend},
+                                      {"engine_detail", h.detail},
+                                      {"engine_ready", h.ready},
+                                      {"placeholder", service_->usingPlaceholder()},
+                                      {"engine_exe", h.exePath},
+                                      {"compute", std::string(code(config.engine().compute))},
+                                      {"voices", service_->voices().count()},
+                                      {"output_sample_rate", config.outputSampleRate()}});
+}
+
+HttpResponse TtsHttpService::stats() {
+  const ServiceStats s = service_->stats();
+  const double rtf = s.totalAudioMs < 1 ? 0.0 : static_cast<double>(s.totalSynthMs) / static_cast<double>(s.totalAudioMs);
+  return HttpResponse::json(200, Json{{"total", s.total},
+                                      {"failed", s.failed},
+                                      {"cache_hits", s.cacheHits},
+                                      {"cache_hit_rate", s.cacheHitRate},
+                                      {"cache_bytes", s.cacheBytes},
+                                      {"cache_count", s.cacheCount},
+                                      {"queue_depth", s.queueDepth},
+                                      {"prewarm_pending", s.prewarmPending},
+                                      {"busy", s.busy},
+                                      {"p50_ms", s.p50Ms},
+                                      {"p95_ms", s.p95Ms},
+                                      {"rtf", rtf},
+                                      {"engine", s.engineName},
+                                      {"engine_detail", s.engineDetail},
+                                      {"engine_ready", s.engineReady},
+                                      {"placeholder", s.placeholder}});
+}
+
+HttpResponse TtsHttpService::logLines(const HttpRequest& request) {
+  const std::int64_t wanted = std::clamp<std::int64_t>(queryInt(request, "lines", 200), 1, AppLog::maxLines());
+  const std::vector<LogEntry> all = AppLog::snapshot();
+  const std::size_t from = all.size() > static_cast<std::size_t>(wanted) ? all.size() - static_cast<std::size_t>(wanted) : 0;
+  Json lines = Json::array();
+  for (std::size_t i = from; i < all.size(); ++i) {
+    const LogEntry& e = all[i];
+    lines.push_back(Json{{"id", e.id},
+                         {"level", std::string(name(e.level))},
+                         {"source", e.source},
+                         {"text", e.text},
+                         {"line", e.formatted()}});
+  }
+  return HttpResponse::json(200, Json{{"lines", std::move(lines)}});
+}
+
+HttpResponse TtsHttpService::clearCache() {
+  service_->cache().clear();
+  AppLog::info("http", "cache cleared over the API");
+  return HttpResponse::json(200, Json{{"cleared", true}});
+}
+
+// ---- Synthesis and pre-bake ----------------------------------------------------------
+
+HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
+  const auto started = SteadyClock::now();
+  TtsRequest tts;
+  std::optional<HttpResponse> refusal;
+  if (request.method == "POST") {
+    const std::optional<Json> body = parseJsonObject(request.body);
+    if (body) tts = requestFromJson(*body);
+    else refusal = badJson();
+  } else {
+    tts = requestFromQuery(request);
+  }
+
+  RequestLog log;
+  log.peer = request.peer;
+  log.route = "/v1/tts";
+  log.language = normLang(tts.language);
+  log.voice = trimmed(tts.voiceId);
+  log.speed = clampSpeed(tts.speed);
+
+  HttpResponse response;
+  if (refusal) {
+    response = *refusal;
+    log.note = T("请求体不是合法的 JSON");
+  } else {
+    try {
+      const TtsResult result = service_->synthesize(tts);
+      log.voice = result.voiceId;
+      log.audioMs = result.durationMs;
+      log.cacheHit = result.fromCache;
+      if (etagMatches(request.header("if-none-match"), result.etag)) {
+        response.status = 304;
+        response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
+      } else {
+        response.headers = {{"Content-Type", "audio/wav"},
+                            {"ETag", result.etag},
+                            {"X-KELVO-Result", "ok"},
+                            {"X-KELVO-Engine", result.engine},
+                            {"X-KELVO-Voice", result.voiceId},
+                            {"X-KELVO-Sample-Rate", std::to_string(result.sampleRate)},
+                            {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
+                            {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
+                            {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
+        response.body = result.wav;
+      }
+    } catch (const TtsError& e) {
+      response = errorFor(e);
+      log.note = e.message;
+    } catch (const std::exception& e) {
+      response = HttpResponse::error(500, "internal", e.what());
+      log.note = e.what();
+    }
+  }
+  log.status = response.status;
+  log.elapsedMs = millisSince(started);
+  AppLog::request(std::move(log));
+  return response;
+}
+
+HttpResponse TtsHttpService::prewarm(const HttpRequest& request) {
+  std::vector<TtsRequest> candidates;
+  if (request.method == "POST") {
+    const std::optional<Json> body = parseJsonObject(request.body);
+    if (!body) return badJson();
+    if (const std::optional<Json> items = jArr(*body, "items")) {
+      // Items inherit the list's airline, language, gender and speed unless they set their own.
+      for (const Json& item : *items) {
+        Json merged = item.is_object() ? item : Json::object();
+        for (const char* key : {"airline", "language", "gender", "speed"}) {
+          if (!merged.contains(key) && body->contains(key)) merged[key] = (*body)[key];
+        }
+        candidates.push_back(requestFromJson(merged));
+      }
+    } else {
+      candidates.push_back(requestFromJson(*body));
+    }
+  } else {
+    candidates.push_back(requestFromQuery(request));
+  }
+
+  std::int64_t skipped = 0;
+  std::int64_t cached = 0;
+  std::vector<TtsRequest> queued;
+  for (TtsRequest& r : candidates) {
+    if (trimmed(r.text).empty()) ++skipped;
+    else if (service_->isCached(r)) ++cached;
+    else queued.push_back(std::move(r));
+  }
+  const std::int64_t handed = queued.empty() ? 0 : service_->prewarmRequests(queued);
+  AppLog::info("http", "pre-bake request from " + request.peer + ": queued " + std::to_string(handed) + ", " +
+                           std::to_string(cached) + " already cached");
+  return HttpResponse::json(200, Json{{"queued", handed},
+                                      {"cached", cached},
+                                      {"skipped_empty", skipped},
+                                      {"pending", service_->prewarmPending()}});
+}
+
+// ---- Self-check -------------------------------------------------------------------------
+
+HttpResponse TtsHttpService::selfCheck(const HttpRequest& request) {
+  TtsRequest probe = requestFromQuery(request);
+  const std::vector<CheckResult> checks = runSelfChecks(*service_, probe);
+  const bool allOk = std::all_of(checks.begin(), checks.end(), [](const CheckResult& c) { return c.ok; });
+  const std::string verdict = allOk ? T("全部通过 - 客户端可以连接。") : T("有检查没通过 - 请按上面标出的项目修正。");
+  if (toLower(request.queryValue("format")) == "json") {
+    Json list = Json::array();
+    for (const CheckResult& c : checks) list.push_back(Json{{"name", c.name}, {"ok", c.ok}, {"detail", c.detail}});
+    return HttpResponse::json(200, Json{{"ok", allOk}, {"checks", std::move(list)}, {"verdict", verdict}});
+  }
+  std::string text;
+  for (const CheckResult& c : checks) {
+    text += (c.ok ? "✓ " : "✗ ") + c.name + (c.detail.empty() ? "" : "  " + c.detail) + "\n";
+  }
+  return HttpResponse::text(200, text + verdict + "\n");
+}
+
+}  // namespace kelvo

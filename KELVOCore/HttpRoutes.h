@@ -1,0 +1,100 @@
+// TtsHttpService: the /v1 API that announcement players and operators talk to.
+// It owns the HttpServer while it runs, lower-cases the path, answers health
+// before anything else (a monitor is never throttled), applies a fixed-period
+// per-client rate limit, and routes every other request to the synthesis
+// service, the voice library, the configuration or the cache. Every refusal is
+// a JSON {"error": code, "message": localised text}.
+//
+// Thread-safe: `dispatch` runs on the server's worker pool for many
+// connections at once. Its only state is the rate-limit table behind one lock;
+// everything else is delegated to the thread-safe service objects.
+// Cost of a request beyond the work it asks for: one map probe under the lock.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "KELVOCore/HttpServer.h"
+#include "KELVOCore/Json.h"
+#include "KELVOCore/Service.h"
+
+namespace kelvo {
+
+// A synthesis request from a JSON body: "text", "voice" (else "reference_id"),
+// "airline", "language", "gender", "style", "speed", "sample_rate", "seed",
+// "priority" ("high" or normal). Missing or mistyped members take defaults.
+TtsRequest requestFromJson(const Json& body);
+// The same members from the query string ("reference_id" is not read there).
+TtsRequest requestFromQuery(const HttpRequest& request);
+// The public form of a voice: id, display, kind, voice_profile, language,
+// gender, style, note, clip_count and clips (file, text, duration_ms).
+Json voiceToJson(const VoiceInfo& voice);
+
+class TtsHttpService {
+ public:
+  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+  // Peers remembered by the rate limit before stale ones are pruned.
+  static constexpr std::size_t rateTablePruneSize = 10000;
+
+  // `clock` drives the rate-limit periods; steady_clock::now when empty.
+  explicit TtsHttpService(std::shared_ptr<TtsService> service, Clock clock = {});
+  ~TtsHttpService();  // stop()
+  TtsHttpService(const TtsHttpService&) = delete;
+  TtsHttpService& operator=(const TtsHttpService&) = delete;
+
+  // Listens on the configuration's address and port, or on the overrides
+  // (which are not written to the configuration). Throws TtsError when the
+  // port is taken.
+  void start(std::optional<std::string> bindAddress = std::nullopt, std::optional<std::int64_t> port = std::nullopt);
+  void stop();
+  bool isRunning() const;
+  std::int64_t boundPort() const;  // 0 when not running
+  // Where clients on this machine reach the service, and every reachable address.
+  std::string endpoint() const;
+  std::vector<std::string> allEndpoints() const;
+
+  // The answer to one request. Never throws.
+  HttpResponse dispatch(const HttpRequest& request);
+
+ private:
+  struct Period {
+    std::chrono::steady_clock::time_point start;
+    std::int64_t count = 0;
+  };
+
+  static HttpResponse badJson();
+  static HttpResponse methodNotAllowed(const std::string& method);
+  static HttpResponse noSuchPath(const std::string& path);
+
+  bool rateLimited(const std::string& peer);
+  HttpResponse route(const HttpRequest& request, const std::string& path);
+
+  HttpResponse health();
+  HttpResponse synthesis(const HttpRequest& request);
+  HttpResponse prewarm(const HttpRequest& request);
+  HttpResponse stats();
+  HttpResponse selfCheck(const HttpRequest& request);
+  HttpResponse logLines(const HttpRequest& request);
+  HttpResponse clearCache();
+  HttpResponse bindings(const HttpRequest& request, bool airlines);
+  HttpResponse voicesRoute(const HttpRequest& request, const std::string& path);
+  HttpResponse cloneVoice(const HttpRequest& request);
+  HttpResponse removeVoice(const std::string& id);
+  HttpResponse packsRoute(const HttpRequest& request, const std::string& path);
+
+  std::shared_ptr<TtsService> service_;
+  Clock clock_;
+  std::unique_ptr<HttpServer> server_;
+  std::mutex lock_;  // guards hits_
+  std::unordered_map<std::string, Period> hits_;
+};
+
+}  // namespace kelvo

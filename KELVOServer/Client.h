@@ -1,0 +1,61 @@
+// ServiceClient: how the operator commands of `kelvo` talk to a running
+// service. It finds the service's URL (--url, else KELVO_URL, else the data
+// root's configuration), sends one request at a time, and turns every failure
+// into a CommandError that carries the message for the person at the terminal
+// and the exit status for scripts: 3 when no service answers, 1 when the
+// service refused (its own localised message).
+//
+// Not thread-safe; one per command run.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <string>
+
+#include "KELVOCore/Json.h"
+#include "KELVOCore/Types.h"
+
+namespace kelvo::cli {
+
+inline constexpr int exitRefused = 1;
+inline constexpr int exitUsage = 2;
+inline constexpr int exitNoService = 3;
+
+// Thrown by commands; main prints `message` on standard error and exits with `status`.
+struct CommandError {
+  int status = exitRefused;
+  std::string message;
+};
+
+struct Reply {
+  long status = 0;
+  std::map<std::string, std::string> headers;  // names in lower case
+  Bytes body;
+  std::string header(const std::string& lowerName) const;
+  Json json() const;  // the body as a JSON object; null when it is not one
+};
+
+class ServiceClient {
+ public:
+  // An empty `url` means defaultUrl().
+  explicit ServiceClient(std::string url);
+  // KELVO_URL when set, else the configuration's baseUrl when the data root
+  // has one, else http://127.0.0.1:17150. Reading never creates files.
+  static std::string defaultUrl();
+  const std::string& url() const { return url_; }
+
+  // One exchange. Throws CommandError: exitNoService when nothing answers,
+  // exitRefused with the service's message for any status of 400 or more.
+  Reply call(const std::string& method, const std::string& path, const Bytes& body = {},
+             const std::string& contentType = "application/json",
+             std::chrono::milliseconds timeout = std::chrono::minutes(32));
+  Json callJson(const std::string& method, const std::string& path, const Json& body = Json());
+
+ private:
+  std::string url_;
+};
+
+// Percent-encodes a query value.
+std::string urlEncode(const std::string& text);
+
+}  // namespace kelvo::cli

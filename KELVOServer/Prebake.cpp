@@ -1,0 +1,118 @@
+// `kelvo prebake FILE`: hands a set of announcements to the service's pre-bake
+// worker, then shows its progress until every line is in the cache.
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "KELVOCore/Files.h"
+#include "KELVOCore/I18n.h"
+#include "KELVOServer/Client.h"
+#include "KELVOServer/Commands.h"
+
+namespace kelvo::cli {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct PrebakeOptions {
+  std::string file;
+  std::string language;
+  std::string gender;
+  std::string airline;
+};
+
+// The file is either a /v1/prewarm body or plain text, one line per announcement.
+Json prewarmBody(const PrebakeOptions& o) {
+  const std::optional<Bytes> bytes = readFile(o.file);
+  if (!bytes) throw CommandError{exitRefused, TF("读不到 %s", o.file)};
+  Json body = parseJsonObject(std::span<const std::uint8_t>(*bytes)).value_or(Json());
+  if (body.is_null()) {
+    Json items = Json::array();
+    const std::string text(bytes->begin(), bytes->end());
+    std::size_t from = 0;
+    while (from <= text.size()) {
+      std::size_t end = text.find('\n', from);
+      if (end == std::string::npos) end = text.size();
+      const std::string line = trimmed(text.substr(from, end - from));
+      if (!line.empty()) items.push_back(Json{{"text", line}});
+      from = end + 1;
+    }
+    body = Json{{"items", std::move(items)}};
+  }
+  // Command-line choices fill in what the file leaves open.
+  for (const auto& [key, value] : {std::pair{"language", o.language}, {"gender", o.gender}, {"airline", o.airline}}) {
+    if (!value.empty() && !body.contains(key)) body[key] = value;
+  }
+  return body;
+}
+
+std::string clockText(double seconds) {
+  const auto s = static_cast<long long>(seconds + 0.5);
+  return s >= 3600 ? formatText("%lld:%02lld:%02lld", s / 3600, s / 60 % 60, s % 60)
+                   : formatText("%lld:%02lld", s / 60, s % 60);
+}
+
+// One progress line: bar, done / total, lines per minute, time left.
+std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds, bool bar) {
+  const double perMinute = elapsedSeconds > 0.5 ? static_cast<double>(done) * 60.0 / elapsedSeconds : 0.0;
+  const std::string left = perMinute > 0 ? clockText(static_cast<double>(total - done) * 60.0 / perMinute) : "?";
+  std::string text;
+  if (bar) {
+    constexpr int width = 30;
+    const int filled = total > 0 ? static_cast<int>(done * width / total) : width;
+    text = "[" + std::string(static_cast<std::size_t>(filled), '#') + std::string(static_cast<std::size_t>(width - filled), '.') + "] ";
+  }
+  return text + TF("%lld / %lld · 每分钟 %.1f 条 · 还剩 %s", static_cast<long long>(done),
+                   static_cast<long long>(total), perMinute, left);
+}
+
+void prebake(const PrebakeOptions& o, const CommonOptions& common) {
+  ServiceClient client(common.url);
+  const Json answer = client.callJson("POST", "/v1/prewarm", prewarmBody(o));
+  const std::int64_t total = jInt(answer, "queued", 0);
+  if (common.json) std::printf("%s\n", jsonString(answer, false).c_str());
+  else std::printf("%s\n", TF("已排队 %lld 条,%lld 条已在缓存,跳过 %lld 条空行", static_cast<long long>(total),
+                              static_cast<long long>(jInt(answer, "cached", 0)),
+                              static_cast<long long>(jInt(answer, "skipped_empty", 0)))
+                              .c_str());
+  if (total == 0) return;
+
+  // A terminal gets a bar redrawn in place; a log file gets a line per 10 %.
+  const bool terminal = !common.json && isatty(STDOUT_FILENO) == 1;
+  const auto started = Clock::now();
+  std::int64_t reportedTenth = 0;
+  for (;;) {
+    const std::int64_t pending = jInt(client.callJson("GET", "/v1/stats"), "prewarm_pending", 0);
+    const std::int64_t done = std::clamp<std::int64_t>(total - pending, 0, total);
+    const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
+    if (terminal) {
+      std::printf("\r%s\033[K", progressLine(done, total, elapsed, true).c_str());
+      std::fflush(stdout);
+    } else if (!common.json && done * 10 / total > reportedTenth) {
+      reportedTenth = done * 10 / total;
+      std::printf("%s\n", progressLine(done, total, elapsed, false).c_str());
+      std::fflush(stdout);
+    }
+    if (pending <= 0) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  }
+  if (terminal) std::printf("\n");
+}
+
+}  // namespace
+
+void addPrebakeCommand(CLI::App& app, const CommonOptions& common) {
+  auto o = std::make_shared<PrebakeOptions>();
+  CLI::App* cmd = app.add_subcommand(
+      "prebake", "Pre-bake announcements into the cache: FILE is a /v1/prewarm JSON body or one line per announcement.");
+  cmd->add_option("file", o->file, "the announcements")->required()->check(CLI::ExistingFile);
+  cmd->add_option("--language", o->language, "language of lines that do not say (default: auto)");
+  cmd->add_option("--gender", o->gender, "female, male or default");
+  cmd->add_option("--airline", o->airline, "ICAO code whose bound voice speaks");
+  cmd->callback([o, &common] { prebake(*o, common); });
+}
+
+}  // namespace kelvo::cli

@@ -1,0 +1,90 @@
+// `kelvo serve`: brings the service up in order (data root, configuration,
+// voices, cache, queue, engine, then the HTTP listener), runs until SIGTERM or
+// SIGINT, and takes it down in the reverse order so that waiting requests get
+// a clear answer and the cache index is written.
+#include <pthread.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+#include <string>
+
+#include "KELVOCore/HttpRoutes.h"
+#include "KELVOCore/Log.h"
+#include "KELVOCore/Paths.h"
+#include "KELVOCore/Service.h"
+#include "KELVOServer/Commands.h"
+
+namespace kelvo::cli {
+
+namespace {
+
+struct ServeOptions {
+  std::optional<std::int64_t> port;
+  std::optional<std::string> bind;
+};
+
+// Without KELVO_VERBOSE an operator still sees where the service listens and
+// everything that went wrong; with it, every line.
+void setUpLogOutput() {
+  const bool verbose = std::getenv("KELVO_VERBOSE") != nullptr;
+  AppLog::setEchoToStderr(verbose);
+  if (verbose) return;
+  AppLog::setLineHandler([](const LogEntry& e) {
+    const bool always = e.source == "serve" || e.text.rfind("service started on ", 0) == 0;
+    if (always || e.level >= LogLevel::warn) std::fprintf(stderr, "%s\n", e.formatted().c_str());
+  });
+}
+
+int serve(const ServeOptions& options) {
+  // The stop signals are blocked before any thread exists, so every thread
+  // inherits the mask and only sigwait below ever sees them.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  signal(SIGPIPE, SIG_IGN);  // a client that hangs up must not end the service
+  setUpLogOutput();
+
+  AppLog::info("serve", "data root " + KELVOPaths::dataRoot());
+  std::shared_ptr<TtsService> service = TtsService::open();
+  TtsHttpService api(service);
+  try {
+    api.start(options.bind, options.port);
+  } catch (const TtsError& e) {
+    std::fprintf(stderr, "%s\n", e.message.c_str());
+    service->shutdown();
+    AppLog::drainHandlers();
+    return 1;
+  }
+  for (const std::string& url : api.allEndpoints()) AppLog::info("serve", "reachable at " + url);
+
+  int received = 0;
+  sigwait(&stopSignals, &received);
+  AppLog::info("serve", std::string("stopping on ") + (received == SIGINT ? "SIGINT" : "SIGTERM"));
+  api.stop();
+  service->shutdown();
+  AppLog::info("serve", "stopped");
+  AppLog::drainHandlers();
+  return 0;
+}
+
+}  // namespace
+
+void addServeCommand(CLI::App& app, int& status) {
+  auto options = std::make_shared<ServeOptions>();
+  CLI::App* cmd = app.add_subcommand(
+      "serve", "Run the HTTP service in the foreground until SIGTERM or SIGINT (what systemd starts).");
+  cmd->add_option("--port", options->port, "TCP port for this run only (default: the configuration's, 17150)")
+      ->check(CLI::Range(0, 65535));
+  cmd->add_option("--bind", options->bind, "address to listen on for this run only (default: the configuration's, 0.0.0.0)");
+  cmd->footer(
+      "Data root: $KELVO_HOME, else KELVO-data beside the executable, else ~/.local/share/KELVO/.\n"
+      "Without engine/s2 and a models/*.gguf under the data root a placeholder engine answers.\n"
+      "KELVO_VERBOSE=1 echoes every log line to standard error.");
+  cmd->callback([options, &status] { status = serve(*options); });
+}
+
+}  // namespace kelvo::cli

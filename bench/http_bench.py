@@ -1,0 +1,202 @@
+#!/usr/bin/env python3
+"""Side-by-side HTTP figures: `kelvo serve` against nginx on this machine.
+
+Starts both on loopback ports, serves the same 5 s WAV line (kelvo from its
+cache through POST /v1/tts, nginx as a static file with sendfile), and runs wrk
+with 2 threads and 64 keep-alive connections for 10 s per case. Prints
+requests/s, p99 latency and the ratios, kelvo's resident memory idle and after
+the cached-line run, and the time from `kelvo serve` to the first 200 from
+/v1/health with 10,000 cached lines.
+
+Usage: bench/http_bench.py [build/kelvo]   (needs the Debian packages wrk, nginx-light)
+"""
+import json
+import os
+import re
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.request
+
+KELVO = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else "build/kelvo")
+DURATION = os.environ.get("BENCH_SECONDS", "10")
+# About five seconds of placeholder speech: 441 KB at 44.1 kHz.
+LINE = {"text": "Flight KV 1234 to Lisbon is now boarding at gate B 12 please", "language": "en"}
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def wait_for(url, deadline_s=20):
+    end = time.monotonic() + deadline_s
+    while time.monotonic() < end:
+        try:
+            with urllib.request.urlopen(url, timeout=2) as r:
+                if r.status == 200:
+                    return
+        except OSError:
+            time.sleep(0.01)
+    raise SystemExit(f"nothing answered at {url}")
+
+
+def rss_mb(pid):
+    with open(f"/proc/{pid}/status") as f:
+        kb = int(re.search(r"VmRSS:\s+(\d+)", f.read()).group(1))
+    return kb / 1024
+
+
+def wrk(url, workdir, method="GET", body=None, headers=None):
+    script = os.path.join(workdir, "req.lua")
+    with open(script, "w") as f:
+        f.write(f'wrk.method = "{method}"\n')
+        if body is not None:
+            f.write(f"wrk.body = {json.dumps(body)}\n")
+        for k, v in (headers or {}).items():
+            f.write(f'wrk.headers["{k}"] = "{v}"\n')
+    out = subprocess.run(["wrk", "-t2", "-c64", f"-d{DURATION}s", "--latency", "-s", script, url],
+                         capture_output=True, text=True, check=True).stdout
+    rps = float(re.search(r"Requests/sec:\s+([\d.]+)", out).group(1))
+    p99 = re.search(r"99%\s+([\d.]+)(us|ms|s)", out)
+    scale = {"us": 0.001, "ms": 1.0, "s": 1000.0}[p99.group(2)]
+    non2xx = re.search(r"Non-2xx or 3xx responses: (\d+)", out)
+    if non2xx:
+        raise SystemExit(f"{url}: {non2xx.group(1)} failed responses\n{out}")
+    return rps, float(p99.group(1)) * scale
+
+
+def start_nginx(root, port, workdir):
+    conf = os.path.join(workdir, "nginx.conf")
+    with open(conf, "w") as f:
+        f.write(f"""worker_processes 2;
+pid {workdir}/nginx.pid;
+error_log {workdir}/nginx-error.log;
+events {{ worker_connections 1024; }}
+http {{
+  access_log off;
+  sendfile on;
+  tcp_nopush on;
+  keepalive_requests 1000000;
+  types {{ audio/wav wav; application/json json; }}
+  client_body_temp_path {workdir}/body;
+  proxy_temp_path {workdir}/proxy;
+  fastcgi_temp_path {workdir}/fastcgi;
+  uwsgi_temp_path {workdir}/uwsgi;
+  scgi_temp_path {workdir}/scgi;
+  server {{ listen 127.0.0.1:{port}; root {root}; }}
+}}
+""")
+    subprocess.run(["nginx", "-c", conf, "-p", workdir], check=True)
+    return os.path.join(workdir, "nginx.pid")
+
+
+def seed_cache(home, count):
+    """`count` tiny cached lines written the way the cache stores them."""
+    cache = os.path.join(home, "temp")
+    os.makedirs(cache, exist_ok=True)
+    header = bytes.fromhex("52494646") + (36 + 200).to_bytes(4, "little") + b"WAVEfmt " + \
+        (16).to_bytes(4, "little") + (1).to_bytes(2, "little") + (1).to_bytes(2, "little") + \
+        (44100).to_bytes(4, "little") + (88200).to_bytes(4, "little") + (2).to_bytes(2, "little") + \
+        (16).to_bytes(2, "little") + b"data" + (200).to_bytes(4, "little")
+    wav = header + bytes(200)
+    index = {}
+    for i in range(count):
+        key = f"{i:064X}"
+        with open(os.path.join(cache, key + ".wav"), "wb") as f:
+            f.write(wav)
+        index[key] = {"file": key + ".wav", "voice": "v", "text": f"line {i}", "language": "en", "speed": 1.0,
+                      "sampleRate": 44100, "durationMs": 2, "bytes": len(wav)}
+    with open(os.path.join(cache, "index.json"), "w") as f:
+        json.dump(index, f)
+
+
+def time_to_health(home):
+    port = free_port()
+    env = dict(os.environ, KELVO_HOME=home)
+    started = time.monotonic()
+    proc = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1"], env=env,
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    request = b"GET /v1/health HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n"
+    while True:
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=1) as s:
+                s.sendall(request)
+                if s.recv(64).startswith(b"HTTP/1.1 200"):
+                    break
+        except OSError:
+            time.sleep(0.0005)
+    elapsed = (time.monotonic() - started) * 1000
+    proc.terminate()
+    proc.wait()
+    return elapsed
+
+
+def main():
+    work = tempfile.mkdtemp(prefix="kelvo-bench-")
+    os.chmod(work, 0o755)  # nginx's workers drop root and must still read the files
+    home = os.path.join(work, "home")
+    www = os.path.join(work, "www")
+    os.makedirs(www)
+    port, nginx_port = free_port(), free_port()
+    env = dict(os.environ, KELVO_HOME=home)
+    kelvo = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1"], env=env,
+                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    nginx_pid = None
+    try:
+        base = f"http://127.0.0.1:{port}"
+        wait_for(base + "/v1/health")
+        time.sleep(0.5)
+        idle = rss_mb(kelvo.pid)
+        req = urllib.request.Request(base + "/v1/tts", data=json.dumps(LINE).encode(), method="POST",
+                                     headers={"Content-Type": "application/json"})
+        with urllib.request.urlopen(req) as r:
+            wav, etag = r.read(), r.headers["ETag"]
+        with open(os.path.join(www, "line.wav"), "wb") as f:
+            f.write(wav)
+        with urllib.request.urlopen(base + "/v1/health") as r:
+            tiny = r.read()
+        with open(os.path.join(www, "tiny.json"), "wb") as f:
+            f.write(tiny)
+        nginx_pid = start_nginx(www, nginx_port, work)
+        nginx = f"http://127.0.0.1:{nginx_port}"
+        wait_for(nginx + "/tiny.json")
+
+        body = json.dumps(LINE)
+        json_header = {"Content-Type": "application/json"}
+        cases = [
+            ("cached POST /v1/tts (%d KB)" % (len(wav) // 1024),
+             wrk(base + "/v1/tts", work, "POST", body, json_header), wrk(nginx + "/line.wav", work), 1.0),
+            ("304 with If-None-Match",
+             wrk(base + "/v1/tts", work, "POST", body, dict(json_header, **{"If-None-Match": etag})),
+             wrk(nginx + "/tiny.json", work), 0.7),
+            ("GET /v1/health", wrk(base + "/v1/health", work), wrk(nginx + "/tiny.json", work), 0.7),
+        ]
+        after = rss_mb(kelvo.pid)
+        print(f"{'case':34} {'kelvo req/s':>12} {'nginx req/s':>12} {'ratio':>6} {'goal':>5} "
+              f"{'kelvo p99':>10} {'nginx p99':>10}")
+        for name, (k_rps, k_p99), (n_rps, n_p99), goal in cases:
+            ratio = k_rps / n_rps
+            print(f"{name:34} {k_rps:12.0f} {n_rps:12.0f} {ratio:6.2f} {goal:5.1f} {k_p99:8.2f}ms {n_p99:8.2f}ms"
+                  f"{'' if ratio >= goal else '  (below goal)'}")
+        print(f"resident memory: idle {idle:.1f} MB (goal 32), after the cached-line run {after:.1f} MB (goal 64)")
+    finally:
+        kelvo.terminate()
+        kelvo.wait()
+        if nginx_pid and os.path.exists(nginx_pid):
+            subprocess.run(["kill", open(nginx_pid).read().strip()], check=False)
+
+    cold = os.path.join(work, "cold")
+    seed_cache(cold, 10000)
+    times = sorted(time_to_health(cold) for _ in range(5))
+    print(f"kelvo serve to first 200 from /v1/health with 10,000 cached lines: median {times[2]:.1f} ms "
+          f"(min {times[0]:.1f}, max {times[-1]:.1f}; goal 50)")
+    shutil.rmtree(work, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,284 @@
+#include "KELVOCore/HttpRoutes.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "KELVOCore/Base64.h"
+#include "KELVOCore/EnginePlaceholder.h"
+#include "KELVOCore/I18n.h"
+#include "KELVOCore/Wav.h"
+#include "tests/TestSupport.h"
+
+namespace kelvo {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Sleeps before answering, so the queue's deadline can pass while it works.
+class SlowEngine final : public TtsEngine {
+ public:
+  std::string name() const override { return "slow"; }
+  bool ready() const override { return true; }
+  void configure(const EngineOptions&) override {}
+  EngineOptions options() const override { return {}; }
+  EngineHealth checkHealth() override { return {true, "slow", "test", "", {}}; }
+  PcmBuffer synthesize(const S2Params&, const VoiceHint&) override {
+    std::this_thread::sleep_for(300ms);
+    return PcmBuffer::silence(24000, 500);
+  }
+};
+
+// Five seconds of a tone: long enough to pass the library's clip checks.
+std::string toneWavBase64() {
+  PcmBuffer pcm;
+  pcm.sampleRate = 16000;
+  for (int i = 0; i < 16000 * 5; ++i) pcm.data.push_back(0.3f * static_cast<float>((i / 20) % 2 * 2 - 1));
+  return base64Encode(buildWav(pcm, 1));
+}
+
+class HttpRoutesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setUiLang(UiLang::en);
+    makeService(std::make_shared<PlaceholderEngine>());
+  }
+  void TearDown() override {
+    api.reset();
+    if (service) service->shutdown();
+    setUiLang(UiLang::automatic);
+  }
+
+  void makeService(std::shared_ptr<TtsEngine> standIn) {
+    api.reset();
+    if (service) service->shutdown();
+    TtsService::Parts parts;
+    parts.config = std::make_shared<AppConfig>(dir.path() + "data/config.json");
+    parts.voices = std::make_shared<VoiceLibrary>(dir.path() + "data/voices.json", dir.path() + "clone/");
+    parts.voices->setConfig(parts.config);
+    parts.cache = std::make_shared<WavCache>(dir.path() + "temp/");
+    parts.s2 = std::make_shared<S2LocalEngine>(EngineOptions{}, dir.path());
+    parts.placeholder = std::move(standIn);
+    parts.config->setAutoCreateDefaultVoice(false);
+    parts.config->setRateLimitPerMinute(limit);
+    parts.config->setQueueLimit(queueLimit);
+    service = TtsService::create(parts);
+    api = std::make_unique<TtsHttpService>(service, [this] { return now; });
+  }
+
+  HttpResponse call(std::string method, std::string target, std::string body = {},
+                    std::map<std::string, std::string> headers = {}) {
+    HttpRequest r;
+    r.method = std::move(method);
+    const std::size_t q = target.find('?');
+    r.path = target.substr(0, q);
+    if (q != std::string::npos) r.query = target.substr(q + 1);
+    r.body.assign(body.begin(), body.end());
+    r.headers = std::move(headers);
+    r.peer = peer;
+    return api->dispatch(r);
+  }
+
+  // The id of a new voice cloned from a tone over the API.
+  std::string cloneTone(const std::string& display, const std::string& extra = {}) {
+    const HttpResponse r = call("POST", "/v1/voices/clone", R"({"display":")" + display + R"(","audio":")" +
+                                                                toneWavBase64() + R"(","reference_text":"welcome aboard")" +
+                                                                extra + "}");
+    EXPECT_EQ(r.status, 200) << std::string(r.body.begin(), r.body.end());
+    return jStr(body(r), "id");
+  }
+
+  static Json body(const HttpResponse& r) {
+    return parseJsonObject(std::span<const std::uint8_t>(r.body)).value_or(Json());
+  }
+
+  test::TempDir dir;
+  std::int64_t limit = 0;
+  std::int64_t queueLimit = 8;
+  std::string peer = "10.0.0.7";
+  std::chrono::steady_clock::time_point now = std::chrono::steady_clock::now();
+  std::shared_ptr<TtsService> service;
+  std::unique_ptr<TtsHttpService> api;
+};
+
+// Every refusal of the table: status, error code and the words that tell the
+// client what was wrong.
+TEST_F(HttpRoutesTest, RefusalsNameWhatWasWrong) {
+  service->config().setMaxTextLength(10);
+  struct Case {
+    std::string method, target, body;
+    std::int64_t status;
+    std::string error, message;
+  };
+  const std::vector<Case> cases = {
+      {"POST", "/v1/tts", "[1,2]", 400, "bad_json", "request body is not valid JSON"},
+      {"POST", "/v1/tts", R"({"text":"  "})", 400, "empty_text", "no text to synthesise"},
+      {"POST", "/v1/tts", R"({"text":"eleven char"})", 413, "text_too_long", "11 characters, over the 10 limit"},
+      {"POST", "/v1/tts", R"({"text":"hi","voice":"nobody"})", 404, "bad_voice", ""},
+      {"POST", "/v1/tts", R"({"text":"hi","airline":"UAL"})", 404, "bad_voice", "UAL"},
+      {"POST", "/v1/health", "", 405, "method_not_allowed", "POST is not allowed on this path"},
+      {"PUT", "/v1/stats", "", 405, "method_not_allowed", "PUT is not allowed on this path"},
+      {"GET", "/v1/cache", "", 404, "not_found", "no such path: /v1/cache"},
+      {"GET", "/v1/nothing", "", 404, "not_found", "no such path: /v1/nothing"},
+      {"PUT", "/v1/airlines", R"({"voice":"x"})", 400, "bad_request", "missing airline (ICAO three-letter code)"},
+      {"PUT", "/v1/airlines", R"({"airline":"UAL","voice":"ghost"})", 404, "not_found", "no such voice: ghost"},
+      {"PUT", "/v1/defaults", "not json", 400, "bad_json", "not valid JSON"},
+      {"DELETE", "/v1/airlines", "", 405, "method_not_allowed", "DELETE is not allowed"},
+      {"DELETE", "/v1/voices/ghost", "", 404, "not_found", "no such voice: ghost"},
+      {"PUT", "/v1/voices", "", 405, "method_not_allowed", ""},
+      {"POST", "/v1/voices/ghost", "{}", 404, "not_found", "no such path"},
+      {"POST", "/v1/voices/clone", R"({"display":"x"})", 400, "bad_audio",
+       "missing the audio field (base64 reference audio), or use the clips array for several"},
+      {"POST", "/v1/voices/clone", R"({"audio":"%%%"})", 400, "bad_audio", "audio is not valid base64"},
+      {"POST", "/v1/voices/clone", R"({"clips":[{"audio":"QUJD"},{"audio":"*"}]})", 400, "bad_audio",
+       "one entry in clips is not valid base64"},
+      {"POST", "/v1/voices/clone", R"({"clips":[{"audio":""}]})", 400, "bad_audio", "clips contains no usable audio"},
+      {"POST", "/v1/voices/clone", R"({"audio":"QUJDRA==","reference_text":"x"})", 400, "bad_audio", ""},
+      {"POST", "/v1/prewarm", "[]", 400, "bad_json", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.method + " " + c.target + " " + c.body);
+    const HttpResponse r = call(c.method, c.target, c.body);
+    EXPECT_EQ(r.status, c.status);
+    const Json j = body(r);
+    EXPECT_EQ(jStr(j, "error"), c.error);
+    EXPECT_NE(jStr(j, "message").find(c.message), std::string::npos) << jStr(j, "message");
+    EXPECT_EQ(r.headers.at("Content-Type"), "application/json; charset=utf-8");
+  }
+  EXPECT_EQ(service->voices().count(), 0) << "a refused clone must not leave a voice behind";
+}
+
+TEST_F(HttpRoutesTest, SynthesisHitsAndNotModified) {
+  const std::string id = cloneTone("Anna", R"(,"language":"en","gender":"female")");
+  EXPECT_EQ(service->voices().find(id)->clips.size(), 1u);
+  ASSERT_EQ(call("PUT", "/v1/defaults", R"({"language":"en","gender":"female","voice":")" + id + "\"}").status, 200);
+
+  const std::string line = R"({"text":"Flight 12 is boarding","language":"en","gender":"female"})";
+  const HttpResponse first = call("POST", "/v1/tts", line);
+  ASSERT_EQ(first.status, 200);
+  EXPECT_EQ(first.headers.at("Content-Type"), "audio/wav");
+  EXPECT_EQ(first.headers.at("X-KELVO-Cache"), "miss");
+  EXPECT_EQ(first.headers.at("X-KELVO-Voice"), id);
+  EXPECT_EQ(first.headers.at("X-KELVO-Engine"), "placeholder");
+  EXPECT_EQ(std::to_string(wavDurationMs(first.body)), first.headers.at("X-KELVO-Duration-Ms"));
+
+  // The same line by GET with an upper-case path is the same cache entry.
+  const HttpResponse again = call("GET", "/V1/TTS?text=Flight+12+is+boarding&language=en&gender=female");
+  EXPECT_EQ(again.headers.at("X-KELVO-Cache"), "hit");
+  EXPECT_EQ(again.body, first.body);
+  const std::string etag = first.headers.at("ETag");
+  for (const std::string& tag : {etag, "\"" + etag + "\""}) {
+    const HttpResponse cached = call("POST", "/v1/tts", line, {{"If-None-Match", tag}});
+    EXPECT_EQ(cached.status, 304);
+    EXPECT_TRUE(cached.body.empty());
+    EXPECT_EQ(cached.headers.at("X-KELVO-Result"), "ok");
+  }
+
+  const Json stats = body(call("GET", "/v1/stats"));
+  EXPECT_EQ(jInt(stats, "total", -1), 4);
+  EXPECT_EQ(jInt(stats, "cache_hits", -1), 3);
+  EXPECT_TRUE(jBool(stats, "placeholder", false));
+
+  // Each outcome left one request record.
+  const std::vector<RequestLog> requests = AppLog::requestSnapshot();
+  ASSERT_GE(requests.size(), 4u);
+  EXPECT_EQ(requests.back().status, 304);
+  EXPECT_TRUE(requests.back().cacheHit);
+  EXPECT_EQ(requests.back().voice, id);
+
+  // Removing the voice drops its binding too.
+  EXPECT_EQ(call("DELETE", "/v1/voices/" + id).status, 200);
+  EXPECT_TRUE(jArr(body(call("GET", "/v1/defaults")), "defaults")->empty());
+}
+
+TEST_F(HttpRoutesTest, BindingsAreSavedAndRemovedByEmptyVoice) {
+  const HttpResponse cloned = call(
+      "POST", "/v1/voices/clone",
+      R"({"display":"Ken","clips":[{"audio":")" + toneWavBase64() + R"(","text":"welcome aboard"}]})");
+  ASSERT_EQ(cloned.status, 200);
+  const std::string id = jStr(body(cloned), "id");
+  EXPECT_EQ(jInt(body(cloned), "clip_count", 0), 1);
+
+  ASSERT_EQ(call("PUT", "/v1/airlines", R"({"airline":" ual ","language":"en","voice":")" + id + "\"}").status, 200);
+  const Json listed = body(call("GET", "/v1/airlines"));
+  ASSERT_EQ(jArr(listed, "airlines")->size(), 1u);
+  const Json binding = (*jArr(listed, "airlines"))[0];
+  EXPECT_EQ(jStr(binding, "airline"), "UAL");
+  EXPECT_EQ(jStr(binding, "voice"), id);
+  EXPECT_NE(test::readTextFile(service->config().path()).find(id), std::string::npos) << "binding not saved";
+
+  const HttpResponse spoken = call("POST", "/v1/tts", R"({"text":"welcome","airline":"ual","language":"en"})");
+  ASSERT_EQ(spoken.status, 200);
+  EXPECT_EQ(spoken.headers.at("X-KELVO-Voice"), id);
+
+  ASSERT_EQ(call("PUT", "/v1/airlines", R"({"airline":"UAL","language":"en","voice":""})").status, 200);
+  EXPECT_TRUE(jArr(body(call("GET", "/v1/airlines")), "airlines")->empty());
+  EXPECT_EQ(test::readTextFile(service->config().path()).find(id), std::string::npos) << "unbinding not saved";
+  EXPECT_EQ(jArr(body(call("GET", "/v1/voices")), "voices")->size(), 1u);
+}
+
+TEST_F(HttpRoutesTest, RateLimitIsAFixedPeriodPerPeer) {
+  limit = 2;
+  makeService(std::make_shared<PlaceholderEngine>());
+  EXPECT_EQ(call("GET", "/v1/stats").status, 200);
+  EXPECT_EQ(call("GET", "/v1/stats").status, 200);
+  const HttpResponse limited = call("GET", "/v1/stats");
+  EXPECT_EQ(limited.status, 429);
+  EXPECT_EQ(limited.headers.at("Retry-After"), "60");
+  EXPECT_EQ(jStr(body(limited), "message"), "over the limit of 2 requests per minute");
+  EXPECT_EQ(call("GET", "/v1/health").status, 200) << "health is never throttled";
+  peer = "10.0.0.8";
+  EXPECT_EQ(call("GET", "/v1/stats").status, 200) << "another client has its own period";
+  peer = "10.0.0.7";
+  now += 59s;
+  EXPECT_EQ(call("GET", "/v1/stats").status, 429);
+  now += 1s;
+  EXPECT_EQ(call("GET", "/v1/stats").status, 200) << "a new period starts after 60 s";
+}
+
+TEST_F(HttpRoutesTest, QueueFullAndTimeoutMapTo503And504) {
+  struct Case {
+    std::int64_t queueLimit;
+    std::int64_t status;
+    std::string error;
+  };
+  for (const Case& c : {Case{0, 503, "queue_full"}, Case{8, 504, "timeout"}}) {
+    queueLimit = c.queueLimit;
+    makeService(std::make_shared<SlowEngine>());
+    service->config().setRequestTimeoutMs(50);
+    const HttpResponse r = call("POST", "/v1/tts", R"({"text":"slow line","voice":")" + cloneTone("Slow") + "\"}");
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(jStr(body(r), "error"), c.error);
+  }
+}
+
+TEST_F(HttpRoutesTest, PrewarmSortsItemsAndStatusRoutesAnswer) {
+  service->config().setAutoCreateDefaultVoice(true);
+  ASSERT_EQ(call("POST", "/v1/tts", R"({"text":"gate B12","language":"en"})").status, 200);
+  const HttpResponse pre = call("POST", "/v1/prewarm",
+                                R"({"language":"en","items":[{"text":"gate B12"},{"text":""},{"text":"gate C3"},7]})");
+  ASSERT_EQ(pre.status, 200);
+  const Json j = body(pre);
+  EXPECT_EQ(jInt(j, "cached", -1), 1);
+  EXPECT_EQ(jInt(j, "skipped_empty", -1), 2);
+  EXPECT_EQ(jInt(j, "queued", -1), 1);
+
+  const Json health = body(call("GET", "/health"));
+  EXPECT_EQ(jStr(health, "status"), "ready");
+  EXPECT_EQ(jStr(health, "version"), std::string(KELVO::version));
+  EXPECT_EQ(jInt(health, "voices", -1), service->voices().count());
+
+  const HttpResponse text = call("GET", "/v1/selftest?text=hello&language=en");
+  const std::string report(text.body.begin(), text.body.end());
+  EXPECT_NE(report.find("All checks passed - the client can connect."), std::string::npos) << report;
+  const Json json = body(call("GET", "/selftest?format=json&airline=XYZ"));
+  EXPECT_FALSE(jBool(json, "ok", true)) << "an airline with nothing bound cannot pass";
+  EXPECT_EQ(jArr(json, "checks")->size(), 5u);
+
+  EXPECT_EQ(jArr(body(call("GET", "/v1/log?lines=2")), "lines")->size(), 2u);
+  EXPECT_TRUE(jBool(body(call("DELETE", "/v1/cache")), "cleared", false));
+  EXPECT_EQ(service->cache().stats().count, 0);
+}
+
+}  // namespace
+}  // namespace kelvo
