@@ -25,7 +25,9 @@ TEST(Base64Test, AcceptsWhatEncodersSendAndRefusesTheRest) {
   for (const auto& [text, expected] : cases) {
     const std::optional<Bytes> got = base64Decode(text);
     ASSERT_EQ(got.has_value(), expected.has_value()) << text;
-    if (got) EXPECT_EQ(std::string(got->begin(), got->end()), *expected) << text;
+    if (got) {
+      EXPECT_EQ(std::string(got->begin(), got->end()), *expected) << text;
+    }
   }
 }
 

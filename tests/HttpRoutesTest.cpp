@@ -7,6 +7,7 @@
 #include "KELVOCore/Base64.h"
 #include "KELVOCore/EnginePlaceholder.h"
 #include "KELVOCore/I18n.h"
+#include "KELVOCore/Version.h"
 #include "KELVOCore/Wav.h"
 #include "tests/TestSupport.h"
 
