@@ -1,7 +1,14 @@
 // The live scenarios talk to the s2 engine, the sharing hub and the release
-// feed. This build has none of those clients yet, so each scenario reports one
-// failed check that says so instead of pretending to pass.
+// feed. A scenario whose client this build lacks reports one failed check that
+// says so instead of pretending to pass; the hub and update scenarios need an
+// address (KELVO_HUB_URL, KELVO_RELEASES_URL) and say so when there is none.
+#include <cstdio>
+#include <string>
+
 #include "KELVOCore/I18n.h"
+#include "KELVOCore/Paths.h"
+#include "KELVOCore/Update.h"
+#include "KELVOCore/Version.h"
 #include "KELVOSelfTest/Check.h"
 
 namespace kelvo::selftest {
@@ -15,7 +22,25 @@ bool notAvailable(std::string_view scenario) {
 }  // namespace
 
 bool runSmoke() { return notAvailable("smoke"); }
+
 bool runHub() { return notAvailable("hub"); }
-bool runUpdate() { return notAvailable("update"); }
+
+bool runUpdate() {
+  KELVOPaths::ensureDirectories();
+  bool allPassed = true;
+  const UpdateCheck result = checkForUpdate();
+  if (result.state == UpdateState::notConfigured) {
+    check("发布源", false, result.message + " — " + T("设置 KELVO_RELEASES_URL 指向项目的发布页"), allPassed);
+  } else {
+    const bool answered = result.state != UpdateState::failed;
+    check("发布源有回应", answered, answered ? result.feedUrl + (result.fromAtom ? " (Atom)" : "") : result.message,
+          allPassed);
+    if (answered) check("找到最新版本", result.latest.has_value(), result.message, allPassed);
+  }
+  const std::string installed =
+      "手上这份: " + std::string(KELVO::version) + "  (" + std::string(KELVO::buildTime) + ")\n";
+  std::fputs(installed.c_str(), stdout);
+  return allPassed;
+}
 
 }  // namespace kelvo::selftest

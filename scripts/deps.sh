@@ -8,6 +8,7 @@ KELVO_PACKAGES=(
   libssl-dev libicu-dev nlohmann-json3-dev libsimdjson-dev libfontconfig-dev
   libmpg123-dev libstb-dev libboost1.81-dev libcurl4-openssl-dev libcli11-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev libsoundtouch-dev
+  libpugixml-dev
 )
 
 missing=()
