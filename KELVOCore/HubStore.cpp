@@ -19,7 +19,8 @@ namespace {
 
 constexpr std::string_view kSource = "hub";
 constexpr std::string_view kIndexFile = "index.json";
-constexpr std::size_t kMaxTitleBytes = 200;
+// Title, author, version and fingerprint are short texts shown in a list.
+constexpr std::size_t kMaxFieldBytes = 200;
 // Room for the multipart heads and the text fields around the pack itself.
 constexpr std::size_t kFormOverhead = 64 * 1024;
 // Forget peers whose uploads have all aged out once this many are tracked.
@@ -179,8 +180,12 @@ HttpResponse HubStore::upload(const HttpRequest& request) {
     return part == nullptr ? std::string{} : trimmed(part->text());
   };
   const std::string title = field("title");
-  if (title.empty() || title.size() > kMaxTitleBytes) {
-    return HttpResponse::error(400, "bad_title", TF("共享需要一个标题(最多 %d 字节)", static_cast<int>(kMaxTitleBytes)));
+  const std::string author = field("author");
+  const std::string version = field("version");
+  const std::string fingerprint = field("fingerprint");
+  if (title.empty() || std::max({title.size(), author.size(), version.size(), fingerprint.size()}) > kMaxFieldBytes) {
+    return HttpResponse::error(400, "bad_field",
+                               TF("共享需要一个标题,每个文字字段最多 %d 字节", static_cast<int>(kMaxFieldBytes)));
   }
   std::string reason;
   const auto contents = inspectPack(pack->data, reason);
@@ -190,9 +195,9 @@ HttpResponse HubStore::upload(const HttpRequest& request) {
   }
 
   const std::string key = randomHex(32);
-  Share share{{randomHex(12), title, field("author"), contents->voices, contents->clips,
+  Share share{{randomHex(12), title, author, contents->voices, contents->clips,
                static_cast<std::int64_t>(pack->data.size()), isoUtc(std::chrono::system_clock::now()), {}},
-              field("version"), field("fingerprint"), sha256Utf8(key)};
+              version, fingerprint, sha256Utf8(key)};
   if (const auto ec = writeFileAtomic(folder_ + share.listing.id + "." + std::string(clnExt), pack->data)) {
     AppLog::error(kSource, "cannot store an uploaded pack in " + folder_ + ": " + ec.message());
     return HttpResponse::error(500, "cannot_store", TF("共享中心存不下这个包:%s", ec.message()));

@@ -165,8 +165,8 @@ void addOnline(std::unordered_map<std::string, JaEn>& t) {
   t["上传需要一个 multipart 表单,其中的文件字段叫 pack"] = {
       "アップロードには、ファイル項目 pack を含む multipart フォームが必要です",
       "an upload needs a multipart form with the file field pack"};
-  t["共享需要一个标题(最多 %d 字节)"] = {"共有にはタイトルが必要です(最大 %d バイト)",
-                                  "a share needs a title (at most %d bytes)"};
+  t["共享需要一个标题,每个文字字段最多 %d 字节"] = {"共有にはタイトルが必要で、各テキスト項目は最大 %d バイトです",
+                                         "a share needs a title, and each text field holds at most %d bytes"};
   t["包里没有可读的 %s - 这不是 KELVO 克隆包。"] = {
       "パックに読み取れる %s がありません - KELVO のクローンパックではありません。",
       "the pack has no readable %s - this is not an KELVO clone pack."};

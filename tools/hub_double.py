@@ -9,6 +9,7 @@ closes. Point KELVO_HUB_URL at its address. It speaks the hub's wire format:
   GET  /API/hub.php?a=list    200 {"shares": [...]}, newest first; each "url" is
                               relative ("/files/<id>.cln") so clients must resolve it
   POST /API/hub.php?a=upload  multipart title, author, version, fingerprint, pack
+                              (all present, author may be empty)
                               200 {"id", "delete_key"}; 400 for a missing field or a
                               pack that is no clone pack; 413 over --max-mb (20);
                               429 for the sixth upload from one address
@@ -116,7 +117,7 @@ class Handler(DoubleHandler):
         if len(body) > self.max_bytes + 65536:
             return self.error(413, "pack_too_large", "too large")
         fields = self.multipart(body)
-        missing = [f for f in UPLOAD_FIELDS if not fields.get(f)]
+        missing = [f for f in UPLOAD_FIELDS if f not in fields]
         if missing:
             return self.error(400, "bad_form", "missing " + ", ".join(missing))
         pack = fields["pack"]
