@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <filesystem>
 
 #include "KELVOCore/AudioDecode.h"
@@ -12,6 +11,7 @@
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Json.h"
 #include "KELVOCore/Log.h"
+#include "KELVOCore/Timestamp.h"
 #include "KELVOCore/Wav.h"
 
 namespace kelvo {
@@ -55,16 +55,6 @@ void deleteFile(const std::string& path) {
 }
 
 // ---- The voices file ---------------------------------------------------------------
-
-// Creation times are kept as UTC "2026-08-07T07:34:00Z".
-std::string timeText(TimePoint t) {
-  const std::time_t secs = std::chrono::system_clock::to_time_t(t);
-  std::tm parts{};
-  gmtime_r(&secs, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
-}
 
 // Years past 2200 would overflow the clock's nanosecond count.
 constexpr std::int64_t kLatestSeconds = 7258118400;
@@ -143,7 +133,7 @@ Json voiceJson(const VoiceInfo& v) {
       {"style", v.style},
       {"note", v.note},
       {"seed", v.seed},
-      {"createdAt", timeText(v.createdAt)},
+      {"createdAt", isoUtc(v.createdAt)},  // UTC "2026-08-07T07:34:00Z"
   };
 }
 

@@ -12,6 +12,8 @@ find_package(Boost 1.81 REQUIRED)
 # libcurl talks to the inference process and the online services.
 find_package(CURL REQUIRED)
 find_package(ZLIB REQUIRED)
+# The update check reads the release feed's Atom fallback with a real XML parser.
+find_package(pugixml REQUIRED)
 pkg_check_modules(FONTCONFIG REQUIRED IMPORTED_TARGET fontconfig)
 pkg_check_modules(MPG123 REQUIRED IMPORTED_TARGET libmpg123)
 # Local playback; only the player talks to it.

@@ -9,6 +9,7 @@ KELVO_PACKAGES=(
   python3 libmpg123-dev libstb-dev libboost1.81-dev libcurl4-openssl-dev libcli11-dev zlib1g-dev
   libasound2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libsoundtouch-dev
+  libpugixml-dev
 )
 
 missing=()
