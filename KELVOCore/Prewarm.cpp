@@ -31,8 +31,9 @@ struct PrewarmWorker::Core {
     while (auto item = next()) {
       const std::shared_ptr<TtsService> owner = service.lock();
       if (!owner) return;
-      if (owner->isCached(*item)) continue;
-      bake(*owner, *item);
+      if (!owner->isCached(*item)) bake(*owner, *item);
+      std::lock_guard guard(lock);
+      inHand = false;
     }
   }
 
@@ -43,6 +44,7 @@ struct PrewarmWorker::Core {
       if (!items.empty()) {
         TtsRequest item = std::move(items.front());
         items.pop_front();
+        inHand = true;
         return item;
       }
       // The timeout is what notices a service destroyed without telling us.
@@ -60,7 +62,7 @@ struct PrewarmWorker::Core {
       const TtsResult result = owner.synthesize(item);
       AppLog::info(kSource, formatText("pre-baked one entry (%.1f s of audio), %d left: %s",
                                        static_cast<double>(result.durationMs) / 1000.0,
-                                       static_cast<int>(pendingCount()), excerpt));
+                                       static_cast<int>(waitingCount()), excerpt));
     } catch (const TtsError& e) {
       AppLog::warn(kSource, "pre-bake failed (" + e.message + "): " + excerpt);
     } catch (const std::exception& e) {
@@ -68,15 +70,22 @@ struct PrewarmWorker::Core {
     }
   }
 
-  std::int64_t pendingCount() const {
+  std::int64_t waitingCount() const {
     std::lock_guard guard(lock);
     return static_cast<std::int64_t>(items.size());
+  }
+
+  // The one in hand counts: a client polling for 0 wants every line in the cache.
+  std::int64_t pendingCount() const {
+    std::lock_guard guard(lock);
+    return static_cast<std::int64_t>(items.size()) + (inHand ? 1 : 0);
   }
 
   mutable std::mutex lock;
   std::condition_variable signal;  // an item arrived, or stop
   std::deque<TtsRequest> items;
   bool terminated = false;
+  bool inHand = false;  // a request taken from `items` is being baked
   const std::weak_ptr<TtsService> service;
 };
 

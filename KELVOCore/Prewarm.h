@@ -33,7 +33,7 @@ class PrewarmWorker {
 
   // Queues the requests whose text is not blank and logs how many; returns that number.
   std::int64_t add(const std::vector<TtsRequest>& requests);
-  std::int64_t pending() const;  // requests waiting, not counting the one in hand
+  std::int64_t pending() const;  // requests waiting plus the one being baked
   // The worker takes no further item and ends as soon as it is idle. Idempotent.
   void stop();
 

@@ -276,6 +276,11 @@ TEST_F(HttpRoutesTest, PrewarmSortsItemsAndStatusRoutesAnswer) {
   EXPECT_FALSE(jBool(json, "ok", true)) << "an airline with nothing bound cannot pass";
   EXPECT_EQ(jArr(json, "checks")->size(), 5u);
 
+  // Pending counts the line being baked, so 0 means it is in the cache.
+  for (int i = 0; i < 500 && service->prewarmPending() > 0; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(jInt(body(call("GET", "/v1/stats")), "prewarm_pending", -1), 0);
+  EXPECT_TRUE(service->isCached(requestFromJson(Json{{"text", "gate C3"}, {"language", "en"}})));
+
   EXPECT_EQ(jArr(body(call("GET", "/v1/log?lines=2")), "lines")->size(), 2u);
   EXPECT_TRUE(jBool(body(call("DELETE", "/v1/cache")), "cleared", false));
   EXPECT_EQ(service->cache().stats().count, 0);
