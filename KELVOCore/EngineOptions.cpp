@@ -12,6 +12,16 @@ std::string EngineOptions::describe() const {
             static_cast<double>(topP), static_cast<int>(topK));
 }
 
+S2Params EngineOptions::samplingParams() const {
+  S2Params params;
+  params.maxNewTokens = maxNewTokens;
+  params.temperature = temperature;
+  params.topP = topP;
+  params.topK = topK;
+  params.repetitionPenalty = repetitionPenalty;
+  return params;
+}
+
 std::vector<std::string> EngineOptions::extraArgList() const {
   std::vector<std::string> args;
   std::istringstream words(extraArgs);

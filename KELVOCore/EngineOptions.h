@@ -33,6 +33,8 @@ struct EngineOptions {
 
   // "local s2.cpp · <compute> · temp 0.58 / top_p 0.80 / top_k 40", localised.
   std::string describe() const;
+  // Engine parameters carrying these sampling values and nothing else.
+  S2Params samplingParams() const;
   // `extraArgs` split on single spaces with empty pieces dropped. No quoting:
   // an argument cannot contain a space.
   std::vector<std::string> extraArgList() const;

@@ -1,11 +1,11 @@
 // The clone-pack routes: export voices and bindings as one .cln archive, and
 // import one. An archive arrives from other machines and public hubs, so the
 // import hands the bytes to ClonePack, which treats every one as hostile.
-#include <ctime>
 
 #include "KELVOCore/ClonePack.h"
 #include "KELVOCore/HttpRoutes.h"
 #include "KELVOCore/I18n.h"
+#include "KELVOCore/Timestamp.h"
 
 namespace kelvo {
 
@@ -19,13 +19,11 @@ std::vector<std::string> stringList(const Json& body, std::string_view key) {
   return out;
 }
 
+// "kelvo-pack-20261123T112044Z.cln": the export's UTC time without separators.
 std::string packFileName() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc{};
-  gmtime_r(&now, &utc);
-  char stamp[32];
-  std::strftime(stamp, sizeof stamp, "%Y%m%d-%H%M%S", &utc);
-  return "kelvo-pack-" + std::string(stamp) + "." + std::string(clnExt);
+  std::string stamp = isoUtc(std::chrono::system_clock::now());
+  std::erase_if(stamp, [](char c) { return c == '-' || c == ':'; });
+  return "kelvo-pack-" + stamp + "." + std::string(clnExt);
 }
 
 }  // namespace

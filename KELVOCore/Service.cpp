@@ -50,16 +50,6 @@ void normalizeRequest(TtsRequest& request) {
   request.language = normLang(request.language);
 }
 
-// The sampling values of the configuration, nothing else set.
-S2Params samplingParams(const EngineOptions& options) {
-  S2Params params;
-  params.maxNewTokens = options.maxNewTokens;
-  params.temperature = options.temperature;
-  params.topP = options.topP;
-  params.topK = options.topK;
-  params.repetitionPenalty = options.repetitionPenalty;
-  return params;
-}
 
 // Rate conversion and peak normalisation of fresh engine audio.
 PcmBuffer postProcess(PcmBuffer pcm, std::int64_t targetRate, bool normalize) {
@@ -274,7 +264,7 @@ std::pair<std::string, std::string> TtsService::keysFor(const TtsRequest& reques
 }
 
 S2Params TtsService::buildParams(const TtsRequest& request, const VoiceInfo& voice) const {
-  S2Params params = samplingParams(config().engine());
+  S2Params params = config().engine().samplingParams();
   params.text = request.effectiveText();
   params.seed = request.seed != 0 ? request.seed : voice.seed;
   if (voice.kind == VoiceKind::profile) {
@@ -314,7 +304,7 @@ VoiceInfo TtsService::bootstrapDefaultVoice(const std::string& languageCode, Tts
   const std::string description = voiceDescription(gender);
   const std::string display = T("默认") + " " + languageLabel(language) + " · " + kelvo::display(gender);
 
-  S2Params params = samplingParams(config().engine());
+  S2Params params = config().engine().samplingParams();
   params.text = "[" + description + "] " + sentence;
   params.repetitionPenalty = 1.1f;
   // The same language and gender always ask for the same voice; 31 bits, as

@@ -48,13 +48,8 @@ std::size_t characterCount(std::string_view utf8) {
 // language when there is one (else the model picks a voice).
 void speakLine(S2LocalEngine& engine, const VoiceLibrary& voices, const EngineOptions& options,
                const std::string& language, const std::string& label, const std::string& text, bool& allPassed) {
-  S2Params params;
+  S2Params params = options.samplingParams();
   params.text = text;
-  params.maxNewTokens = options.maxNewTokens;
-  params.temperature = options.temperature;
-  params.topP = options.topP;
-  params.topK = options.topK;
-  params.repetitionPenalty = options.repetitionPenalty;
   VoiceHint hint;
   hint.language = language;
   hint.display = "smoke";
