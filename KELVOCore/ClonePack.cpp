@@ -1,6 +1,6 @@
 #include "KELVOCore/ClonePack.h"
 
-#include <ctime>
+#include <chrono>
 #include <map>
 #include <optional>
 #include <set>
@@ -8,6 +8,7 @@
 #include "KELVOCore/Files.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
+#include "KELVOCore/Timestamp.h"
 #include "KELVOCore/Zip.h"
 
 namespace kelvo {
@@ -25,15 +26,6 @@ std::string logText(const PackSummary& s) {
   return formatText("%d voice(s) (%d new, %d reused) · %d clip(s) · %d binding(s) · %.1f MB",
                     static_cast<int>(s.voices), static_cast<int>(s.voicesAdded), static_cast<int>(s.voicesReused),
                     static_cast<int>(s.clips), static_cast<int>(s.bindings), megabytes(s.bytes));
-}
-
-std::string utcNow() {
-  const std::time_t now = std::time(nullptr);
-  std::tm parts{};
-  gmtime_r(&now, &parts);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-  return text;
 }
 
 std::string languageCode(const VoiceInfo& voice) { return voice.language.empty() ? "auto" : voice.language; }
@@ -134,7 +126,7 @@ BuiltPack build(const std::vector<std::string>& airlineKeys, const std::vector<s
   for (const auto& [key, id] : selection.bindings) airlines[key] = id;
   const Json manifest{{"format", packFormat},
                       {"version", kPackVersion},
-                      {"exportedAt", utcNow()},
+                      {"exportedAt", isoUtc(std::chrono::system_clock::now())},
                       {"voices", std::move(voices)},
                       {"airlines", std::move(airlines)}};
   if (!writer.add({std::string(packManifest), jsonData(manifest, /*pretty=*/true)})) throw tooLargeError();

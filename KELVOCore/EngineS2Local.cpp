@@ -15,6 +15,7 @@
 #include "KELVOCore/HttpClient.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
+#include "KELVOCore/Multipart.h"
 #include "KELVOCore/Paths.h"
 #include "KELVOCore/Wav.h"
 
@@ -476,7 +477,7 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
     AppLog::warn(kLogSource,
                  "no reference audio for this request; the model picks the voice itself (voice: " + hint.display + ")");
   }
-  const std::string boundary = s2Boundary();
+  const std::string boundary = MultipartForm::newBoundary();
   HttpClientRequest request;
   request.method = "POST";
   request.url = "http://127.0.0.1:" + std::to_string(port) + "/generate";

@@ -6,6 +6,7 @@
 #include "KELVOCore/AudioDecode.h"
 #include "KELVOCore/Json.h"
 #include "KELVOCore/Log.h"
+#include "KELVOCore/Multipart.h"
 
 namespace kelvo {
 
@@ -14,25 +15,6 @@ namespace {
 // Float sampling values go out as the decimals people typed (0.58, not
 // 0.5799999833106995).
 constexpr int kFloatDigits = 6;
-
-void append(Bytes& out, std::string_view text) { out.insert(out.end(), text.begin(), text.end()); }
-
-void appendPartHead(Bytes& out, const std::string& boundary, std::string_view disposition,
-                    std::string_view contentType) {
-  append(out, "--");
-  append(out, boundary);
-  append(out, "\r\nContent-Disposition: form-data; ");
-  append(out, disposition);
-  append(out, "\r\nContent-Type: ");
-  append(out, contentType);
-  append(out, "\r\n\r\n");
-}
-
-void appendField(Bytes& out, const std::string& boundary, std::string_view name, std::string_view value) {
-  appendPartHead(out, boundary, "name=\"" + std::string(name) + "\"", "text/plain; charset=utf-8");
-  append(out, value);
-  append(out, "\r\n");
-}
 
 std::string paramsJson(const S2Params& p) {
   Json o = Json::object();
@@ -71,32 +53,19 @@ std::vector<std::string> s2CommandLine(const std::string& modelPath, std::int64_
   return args;
 }
 
-std::string s2Boundary() {
-  std::string uuid = makeUuid();
-  std::erase(uuid, '-');
-  return "----KELVO" + uuid;
-}
-
 Bytes s2GenerateBody(const S2Params& params, const std::string& boundary) {
-  Bytes out;
-  out.reserve(params.referenceAudio.size() + params.text.size() + params.referenceText.size() + 1024);
-  appendField(out, boundary, "text", params.text);
-  appendField(out, boundary, "params", paramsJson(params));
+  MultipartForm form(boundary);
+  form.addField("text", params.text);
+  form.addField("params", paramsJson(params));
   if (!params.voiceProfile.empty()) {
-    appendField(out, boundary, "voice", params.voiceProfile);
+    form.addField("voice", params.voiceProfile);
   } else if (!params.referenceAudio.empty()) {
     const bool mp3 = looksLikeMp3(params.referenceAudio) && !looksLikeWav(params.referenceAudio);
-    appendPartHead(out, boundary,
-                   std::string("name=\"reference\"; filename=\"reference") + (mp3 ? ".mp3" : ".wav") + "\"",
-                   "application/octet-stream");
-    out.insert(out.end(), params.referenceAudio.begin(), params.referenceAudio.end());
-    append(out, "\r\n");
-    appendField(out, boundary, "reference_text", params.referenceText);
+    form.addFile("reference", mp3 ? "reference.mp3" : "reference.wav", "application/octet-stream",
+                 params.referenceAudio);
+    form.addField("reference_text", params.referenceText);
   }
-  append(out, "--");
-  append(out, boundary);
-  append(out, "--\r\n");
-  return out;
+  return form.finish();
 }
 
 }  // namespace kelvo

@@ -24,13 +24,11 @@ std::vector<std::string> s2CommandLine(const std::string& modelPath, std::int64_
                                        const std::string& tokenizerPath, const EngineOptions& options,
                                        bool gpuBackendAvailable);
 
-// A fresh multipart boundary: "----KELVO" and 32 upper-case hex digits.
-std::string s2Boundary();
-
 // The "/generate" form for `params`: parts "text", "params", then either the
 // file "reference" with "reference_text" (reference audio and no profile) or
 // "voice" (a profile), CRLF line ends, closing delimiter. Sent with the
-// content type "multipart/form-data; boundary=" + `boundary`. The reference
+// content type "multipart/form-data; boundary=" + `boundary` (a fresh one
+// from MultipartForm::newBoundary() per request). The reference
 // file is named "reference.mp3" when its bytes are MP3 and not WAV, else
 // "reference.wav". "params" carries "seed" only when it is not 0.
 Bytes s2GenerateBody(const S2Params& params, const std::string& boundary);

@@ -157,6 +157,8 @@ HttpResponse TtsHttpService::noSuchPath(const std::string& path) {
   return HttpResponse::error(404, "not_found", T("没有这个路径:") + path);
 }
 
+void TtsHttpService::setHubStore(std::shared_ptr<HubStore> hub) { hub_ = std::move(hub); }
+
 HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
   const std::string path = asciiLower(request.path);
   if (path == "/v1/health" || path == "/health") return request.method == "GET" ? health() : methodNotAllowed(request.method);
@@ -209,6 +211,7 @@ HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string
   if (path == "/v1/cache" && method == "DELETE") return clearCache();
   if (path == "/v1/voices" || path.rfind("/v1/voices/", 0) == 0) return voicesRoute(request, path);
   if (path.rfind("/v1/packs/", 0) == 0) return packsRoute(request, path);
+  if (hub_ && path == "/api/hub.php") return hub_->handle(request);
   return noSuchPath(request.path);
 }
 

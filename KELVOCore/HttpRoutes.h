@@ -2,8 +2,10 @@
 // It owns the HttpServer while it runs, lower-cases the path, answers health
 // before anything else (a monitor is never throttled), applies a fixed-period
 // per-client rate limit, and routes every other request to the synthesis
-// service, the voice library, the configuration or the cache. Every refusal is
-// a JSON {"error": code, "message": localised text}.
+// service, the voice library, the configuration or the cache. With a HubStore
+// attached it also serves the sharing hub's "/API/hub.php" (any case), so an
+// airline group can run its own hub on the same port. Every refusal is a JSON
+// {"error": code, "message": localised text}.
 //
 // Thread-safe: `dispatch` runs on the server's worker pool for many
 // connections at once. Its only state is the rate-limit table behind one lock;
@@ -22,6 +24,7 @@
 #include <vector>
 
 #include "KELVOCore/HttpServer.h"
+#include "KELVOCore/HubStore.h"
 #include "KELVOCore/Json.h"
 #include "KELVOCore/Service.h"
 
@@ -56,6 +59,8 @@ class TtsHttpService {
   void start(std::optional<std::string> bindAddress = std::nullopt, std::optional<std::int64_t> port = std::nullopt);
   void stop();
   bool isRunning() const;
+  // Serves the sharing hub from `hub` too. REQUIRES: called before start().
+  void setHubStore(std::shared_ptr<HubStore> hub);
   std::int64_t boundPort() const;  // 0 when not running
   // Where clients on this machine reach the service, and every reachable address.
   std::string endpoint() const;
@@ -92,6 +97,7 @@ class TtsHttpService {
 
   std::shared_ptr<TtsService> service_;
   Clock clock_;
+  std::shared_ptr<HubStore> hub_;  // null: no hub served
   std::unique_ptr<HttpServer> server_;
   std::mutex lock_;  // guards hits_
   std::unordered_map<std::string, Period> hits_;

@@ -404,6 +404,35 @@ void addOnline(std::unordered_map<std::string, JaEn>& t) {
   t["无法创建临时目录"] = {"一時フォルダーを作成できません", "cannot create a temporary folder"};
 }
 
+void addOnlineCommands(std::unordered_map<std::string, JaEn>& t) {
+  // What `kelvo models`, `kelvo update` and `kelvo hub` print.
+  t["没有 %s 这个模型版本(可选:%s)"] = {"%s というモデルのバージョンはありません(選べるのは %s)",
+                                   "there is no model variant %s (choose one of %s)"};
+  t["版本"] = {"バージョン", "Variant"};
+  t["文件"] = {"ファイル", "File"};
+  t["大小"] = {"サイズ", "Size"};
+  t["状态"] = {"状態", "State"};
+  t["已安装"] = {"インストール済み", "installed"};
+  t["已安装(缺 %s)"] = {"インストール済み(%s がありません)", "installed (%s missing)"};
+  t["部分 %d %%"] = {"一部 %d %%", "partial %d %%"};
+  t["缺失"] = {"なし", "missing"};
+  t["还剩 %s"] = {"残り %s", "%s left"};
+  t["下载 %s(来源:%s)"] = {"%s をダウンロードします(取得元: %s)", "downloading %s from %s"};
+  t["%s 没有装,没有可删除的文件"] = {"%s はインストールされておらず、削除するファイルがありません",
+                               "%s is not installed; there is nothing to remove"};
+  t["已删除 %s"] = {"%s を削除しました", "removed %s"};
+  t["已安装的版本:%s(%s)"] = {"インストール済みのバージョン: %s(%s)", "installed version: %s (%s)"};
+  t["请至少指定一个航司绑定或音色来共享"] = {"共有する航空会社の割り当てか音声を少なくとも一つ指定してください",
+                                    "name at least one airline binding or voice to share"};
+  t["共享中心上还没有任何共享"] = {"共有ハブにはまだ共有がありません", "the hub lists no share yet"};
+  t["标题"] = {"タイトル", "Title"};
+  t["作者"] = {"作成者", "Author"};
+  t["时间"] = {"日時", "Created"};
+  t["已经共享过,内容没有变化:%s"] = {"共有済みで、内容は変わっていません: %s", "already shared and unchanged: %s"};
+  t["已共享:%s"] = {"共有しました: %s", "shared: %s"};
+  t["已撤下共享 %s"] = {"共有 %s を取り下げました", "took down share %s"};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -421,6 +450,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addHttpApi(t);
     addCommandLine(t);
     addOnline(t);
+    addOnlineCommands(t);
     return t;
   }();
   return table;

@@ -27,5 +27,8 @@ void addStatusCommands(CLI::App& app, const CommonOptions& common);
 void addPrebakeCommand(CLI::App& app, const CommonOptions& common);
 // `kelvo pack export`, `kelvo pack import`.
 void addPackCommands(CLI::App& app, const CommonOptions& common);
+// `kelvo models [download|rm]`, `kelvo update`, `kelvo hub list|get|share|unshare`:
+// these work on this machine's data root, not through the service.
+void addOnlineCommands(CLI::App& app, int& status);
 
 }  // namespace kelvo::cli

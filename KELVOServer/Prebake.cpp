@@ -1,7 +1,5 @@
 // `kelvo prebake FILE`: hands a set of announcements to the service's pre-bake
 // worker, then shows its progress until every line is in the cache.
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -10,6 +8,7 @@
 #include "KELVOCore/I18n.h"
 #include "KELVOServer/Client.h"
 #include "KELVOServer/Commands.h"
+#include "KELVOServer/Progress.h"
 
 namespace kelvo::cli {
 
@@ -49,24 +48,12 @@ Json prewarmBody(const PrebakeOptions& o) {
   return body;
 }
 
-std::string clockText(double seconds) {
-  const auto s = static_cast<long long>(seconds + 0.5);
-  return s >= 3600 ? formatText("%lld:%02lld:%02lld", s / 3600, s / 60 % 60, s % 60)
-                   : formatText("%lld:%02lld", s / 60, s % 60);
-}
-
-// One progress line: bar, done / total, lines per minute, time left.
-std::string progressLine(std::int64_t done, std::int64_t total, double elapsedSeconds, bool bar) {
+// What follows the bar: done / total, lines per minute, time left.
+std::string prebakeDetail(std::int64_t done, std::int64_t total, double elapsedSeconds) {
   const double perMinute = elapsedSeconds > 0.5 ? static_cast<double>(done) * 60.0 / elapsedSeconds : 0.0;
   const std::string left = perMinute > 0 ? clockText(static_cast<double>(total - done) * 60.0 / perMinute) : "?";
-  std::string text;
-  if (bar) {
-    constexpr int width = 30;
-    const int filled = total > 0 ? static_cast<int>(done * width / total) : width;
-    text = "[" + std::string(static_cast<std::size_t>(filled), '#') + std::string(static_cast<std::size_t>(width - filled), '.') + "] ";
-  }
-  return text + TF("%lld / %lld · 每分钟 %.1f 条 · 还剩 %s", static_cast<long long>(done),
-                   static_cast<long long>(total), perMinute, left);
+  return TF("%lld / %lld · 每分钟 %.1f 条 · 还剩 %s", static_cast<long long>(done), static_cast<long long>(total),
+            perMinute, left);
 }
 
 void prebake(const PrebakeOptions& o, const CommonOptions& common) {
@@ -80,26 +67,16 @@ void prebake(const PrebakeOptions& o, const CommonOptions& common) {
                               .c_str());
   if (total == 0) return;
 
-  // A terminal gets a bar redrawn in place; a log file gets a line per 10 %.
-  const bool terminal = !common.json && isatty(STDOUT_FILENO) == 1;
+  ProgressReporter progress(common.json);
   const auto started = Clock::now();
-  std::int64_t reportedTenth = 0;
   for (;;) {
     const std::int64_t pending = jInt(client.callJson("GET", "/v1/stats"), "prewarm_pending", 0);
     const std::int64_t done = std::clamp<std::int64_t>(total - pending, 0, total);
     const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
-    if (terminal) {
-      std::printf("\r%s\033[K", progressLine(done, total, elapsed, true).c_str());
-      std::fflush(stdout);
-    } else if (!common.json && done * 10 / total > reportedTenth) {
-      reportedTenth = done * 10 / total;
-      std::printf("%s\n", progressLine(done, total, elapsed, false).c_str());
-      std::fflush(stdout);
-    }
+    progress.update(done, total, prebakeDetail(done, total, elapsed));
     if (pending <= 0) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
   }
-  if (terminal) std::printf("\n");
 }
 
 }  // namespace

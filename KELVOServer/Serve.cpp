@@ -11,6 +11,7 @@
 #include <string>
 
 #include "KELVOCore/HttpRoutes.h"
+#include "KELVOCore/HubStore.h"
 #include "KELVOCore/Log.h"
 #include "KELVOCore/Paths.h"
 #include "KELVOCore/Service.h"
@@ -23,6 +24,7 @@ namespace {
 struct ServeOptions {
   std::optional<std::int64_t> port;
   std::optional<std::string> bind;
+  bool hub = false;
 };
 
 // Without KELVO_VERBOSE an operator still sees where the service listens and
@@ -51,6 +53,11 @@ int serve(const ServeOptions& options) {
   AppLog::info("serve", "data root " + KELVOPaths::dataRoot());
   std::shared_ptr<TtsService> service = TtsService::open();
   TtsHttpService api(service);
+  if (options.hub) {
+    const std::string folder = KELVOPaths::dataRoot() + "hub/";
+    api.setHubStore(std::make_shared<HubStore>(folder));
+    AppLog::info("serve", "sharing hub at /API/hub.php, packs in " + folder);
+  }
   try {
     api.start(options.bind, options.port);
   } catch (const TtsError& e) {
@@ -80,6 +87,8 @@ void addServeCommand(CLI::App& app, int& status) {
   cmd->add_option("--port", options->port, "TCP port for this run only (default: the configuration's, 17150)")
       ->check(CLI::Range(0, 65535));
   cmd->add_option("--bind", options->bind, "address to listen on for this run only (default: the configuration's, 0.0.0.0)");
+  cmd->add_flag("--hub", options->hub,
+                "also serve the sharing hub (/API/hub.php) from the data root's hub/ folder, for an intranet hub");
   cmd->footer(
       "Data root: $KELVO_HOME, else KELVO-data beside the executable, else ~/.local/share/KELVO/.\n"
       "Without engine/s2 and a models/*.gguf under the data root a placeholder engine answers.\n"

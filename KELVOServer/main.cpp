@@ -18,7 +18,9 @@ int main(int argc, char** argv) {
   CommonOptions common;
   app.add_option("--url", common.url, "the service's URL (default: $KELVO_URL, else the configuration's)");
   app.add_flag("--json", common.json, "print the service's answer as JSON");
-  app.footer("Exit status: 0 done, 1 refused by the service, 2 bad command line, 3 no service answering.");
+  app.footer(
+      "Exit status: 0 done, 1 refused (by the service; for models, update and hub by the outside server or this "
+      "machine), 2 bad command line, 3 no service answering.");
 
   int status = 0;
   addServeCommand(app, status);
@@ -27,6 +29,7 @@ int main(int argc, char** argv) {
   addStatusCommands(app, common);
   addPrebakeCommand(app, common);
   addPackCommands(app, common);
+  addOnlineCommands(app, status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {

@@ -17,6 +17,7 @@
 #include "KELVOCore/EngineS2Local.h"
 #include "KELVOCore/HttpClient.h"
 #include "KELVOCore/I18n.h"
+#include "KELVOCore/Multipart.h"
 #include "KELVOCore/Wav.h"
 #include "tests/TestSupport.h"
 
@@ -195,9 +196,9 @@ TEST(S2Wire, CommandLineFollowsBackEndThreadsAndExtraArguments) {
 }
 
 TEST(S2Wire, BodyIsLaidOutByteForByte) {
-  const std::string boundary = s2Boundary();
+  const std::string boundary = MultipartForm::newBoundary();
   EXPECT_TRUE(std::regex_match(boundary, std::regex("----KELVO[0-9A-F]{32}")));
-  EXPECT_NE(boundary, s2Boundary());
+  EXPECT_NE(boundary, MultipartForm::newBoundary());
 
   S2Params p;
   p.text = "Hi";
@@ -311,7 +312,7 @@ TEST_F(S2Engine, LaunchesTheChildAsDescribedAndSpeaks) {
   S2Params profile = speech("abc", {}, {}, "/v/p.bin");
   profile.seed = 99;
   for (const S2Params& p : {mp3, wav, profile, speech("plain")}) {
-    const std::string boundary = s2Boundary();
+    const std::string boundary = MultipartForm::newBoundary();
     const HttpClientReply reply = httpExchange({"POST",
                                                 "http://127.0.0.1:" + std::to_string(engine->port()) + "/generate",
                                                 {{"Content-Type", "multipart/form-data; boundary=" + boundary}},

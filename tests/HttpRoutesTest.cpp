@@ -237,6 +237,21 @@ TEST_F(HttpRoutesTest, RateLimitIsAFixedPeriodPerPeer) {
   EXPECT_EQ(call("GET", "/v1/stats").status, 200) << "a new period starts after 60 s";
 }
 
+// The hub's path exists only with a store attached, in any case, and counts
+// against the same rate limit as every other route.
+TEST_F(HttpRoutesTest, HubPathServedOnlyWithAStoreAndRateLimited) {
+  limit = 2;
+  makeService(std::make_shared<PlaceholderEngine>());
+  EXPECT_EQ(call("GET", "/API/hub.php?a=list").status, 404);
+  api->setHubStore(std::make_shared<HubStore>(dir.path() + "hub/"));
+  const HttpResponse listed = call("GET", "/Api/Hub.PHP?a=list");
+  ASSERT_EQ(listed.status, 200);
+  EXPECT_TRUE(body(listed)["shares"].is_array());
+  EXPECT_EQ(call("GET", "/api/hub.php?a=list").status, 429) << "the third request of the period";
+  peer = "10.0.0.9";
+  EXPECT_EQ(call("GET", "/API/hub.php?a=nothing").status, 400);
+}
+
 TEST_F(HttpRoutesTest, QueueFullAndTimeoutMapTo503And504) {
   struct Case {
     std::int64_t queueLimit;

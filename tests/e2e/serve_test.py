@@ -41,12 +41,12 @@ def tone_wav(seconds=5, rate=16000):
 class Server:
     """One `kelvo serve` process; stderr is collected in a file."""
 
-    def __init__(self, home, port):
+    def __init__(self, home, port, *extra):
         self.port = port
         self.log = open(os.path.join(home, "stderr.txt"), "w+")
         env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en")
         env.pop("KELVO_VERBOSE", None)
-        self.proc = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1"],
+        self.proc = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1", *extra],
                                      env=env, stdout=subprocess.DEVNULL, stderr=self.log)
         deadline = time.monotonic() + 20
         while time.monotonic() < deadline:
@@ -257,6 +257,62 @@ class CommandLineTest(unittest.TestCase):
         self.kelvo("say", "hi", "--speed", "9", expect=2)
         config = os.path.join(self.home, "data", "config.json")
         self.assertIn("A .cln is a zip package", self.kelvo("pack", "import", config, expect=1))
+
+
+class OnlineTest(unittest.TestCase):
+    """`kelvo serve --hub` as an intranet hub, used by `kelvo hub` from other
+    data roots; `kelvo models` and `kelvo update` with nothing configured."""
+
+    def setUp(self):
+        self.roots = [tempfile.mkdtemp(prefix="kelvo-online-") for _ in range(3)]
+
+    def tearDown(self):
+        subprocess.run(["rm", "-rf", *self.roots], check=False)
+
+    def kelvo(self, root, *args, expect=0, **extra_env):
+        env = dict(os.environ, KELVO_HOME=root, LANGUAGE="en", **extra_env)
+        for name in ("KELVO_RELEASES_URL", "KELVO_HUB_URL"):
+            if name not in extra_env:
+                env.pop(name, None)
+        run = subprocess.run([KELVO, *args], env=env, capture_output=True, text=True, timeout=60)
+        self.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
+        return run.stdout + run.stderr
+
+    def test_hub_models_and_update(self):
+        hub_root, sharer, getter = self.roots
+        hub = Server(hub_root, free_port(), "--hub")
+        try:
+            studio = Server(sharer, free_port())
+            status, voice = studio.json("POST", "/v1/voices/clone", {
+                "display": "Anna", "audio": base64.b64encode(tone_wav()).decode(),
+                "reference_text": "welcome aboard", "language": "en", "gender": "female"})
+            studio.stop()
+            self.assertEqual(status, 200, voice)
+            url = {"KELVO_HUB_URL": f"http://127.0.0.1:{hub.port}"}
+            out = self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "Anna for KVO", **url)
+            share = json.loads(hub.request("GET", "/API/hub.php?a=list")[2])["shares"][0]["id"]
+            self.assertIn(share, out)
+            self.assertIn("already shared and unchanged",
+                          self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "again", **url))
+            self.assertIn("Anna for KVO", self.kelvo(getter, "hub", "list", **url))
+            self.assertIn("1 voice(s)", self.kelvo(getter, "hub", "get", share, **url))
+            with open(os.path.join(getter, "data", "voices.json")) as f:
+                self.assertIn("Anna", f.read())
+            self.assertIn("only the machine that shared it", self.kelvo(getter, "hub", "unshare", share, expect=1, **url))
+            self.kelvo(sharer, "hub", "unshare", share, **url)
+            self.assertIn("lists no share", self.kelvo(getter, "hub", "list", **url))
+        finally:
+            hub.stop()
+        self.assertIn("KELVO_HUB_URL", self.kelvo(getter, "hub", "list", expect=1))
+
+        models = self.kelvo(getter, "models")
+        for variant in ("q6_k", "q8_0", "f16"):
+            self.assertRegex(models, variant + r"\s+s2-pro-" + variant + r"\.gguf\s+≈ [\d.]+ GB\s+missing")
+        self.assertIn("no model variant q9", self.kelvo(getter, "models", "rm", "q9", expect=1))
+        out = self.kelvo(getter, "update")
+        self.assertIn("installed version", out)
+        self.assertIn("set KELVO_RELEASES_URL", out)
+        self.assertIn("KELVO_RELEASES_URL", self.kelvo(getter, "update", "--help"))
 
 
 if __name__ == "__main__":
