@@ -185,7 +185,8 @@ class CommandLineTest(unittest.TestCase):
         subprocess.run(["rm", "-rf", self.home], check=False)
 
     def kelvo(self, *args, expect=0):
-        env = dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en")
+        # ALSA's "null" device: playback runs its real length without a sound card.
+        env = dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en", KELVO_AUDIO_DEVICE="null")
         run = subprocess.run([KELVO, *args, "--url", self.url], env=env,
                              capture_output=True, text=True, timeout=120)
         self.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
@@ -220,6 +221,11 @@ class CommandLineTest(unittest.TestCase):
             frames, rate = w.getnframes(), w.getframerate()
         self.assertEqual(os.path.getsize(wav), 44 + 2 * frames)
         self.assertGreater(frames / rate, 0.5)
+        started = time.monotonic()
+        self.assertIn("line.wav", self.kelvo("play", wav))
+        self.assertGreater(time.monotonic() - started, frames / rate * 0.9)  # played, not just opened
+        self.kelvo("say", "Gate change to B 7", "--airline", "KVO", "--language", "en", "--gender", "female",
+                   "--play")
 
         status = self.kelvo("status")
         for word in ("placeholder", "p50", "hit rate"):
