@@ -207,11 +207,15 @@ void unshareFromHub(const HubClient& hub, std::string_view id, AppConfig& config
   saveFingerprints(fingerprintsFile, fingerprints);
 }
 
-PackSummary fetchFromHub(const HubClient& hub, std::string_view id, VoiceLibrary& voices, AppConfig& config) {
+Bytes downloadShare(const HubClient& hub, std::string_view id) {
   for (const HubListing& share : hub.list()) {
-    if (toLower(share.id) == toLower(trimmed(id))) return importPack(hub.download(share), voices, config);
+    if (toLower(share.id) == toLower(trimmed(id))) return hub.download(share);
   }
   throw TtsError(TtsErrorCode::notFound, T("共享中心里没有这个共享(可能已经被删除)"));
+}
+
+PackSummary fetchFromHub(const HubClient& hub, std::string_view id, VoiceLibrary& voices, AppConfig& config) {
+  return importPack(downloadShare(hub, id), voices, config);
 }
 
 }  // namespace kelvo

@@ -103,7 +103,10 @@ ShareResult shareOnHub(const HubClient& hub, std::string_view title, const std::
 void unshareFromHub(const HubClient& hub, std::string_view id, AppConfig& config,
                     const std::string& fingerprintsFile = hubFingerprintsFile());
 
-// `kelvo hub get`: the listed share's pack, imported into `voices` and `config`.
+// The pack of the listed share `id` (ignoring case). Throws TtsError notFound
+// when the hub does not list it.
+Bytes downloadShare(const HubClient& hub, std::string_view id);
+// downloadShare() imported into `voices` and `config`.
 PackSummary fetchFromHub(const HubClient& hub, std::string_view id, VoiceLibrary& voices, AppConfig& config);
 
 }  // namespace kelvo

@@ -28,7 +28,8 @@ void addPrebakeCommand(CLI::App& app, const CommonOptions& common);
 // `kelvo pack export`, `kelvo pack import`.
 void addPackCommands(CLI::App& app, const CommonOptions& common);
 // `kelvo models [download|rm]`, `kelvo update`, `kelvo hub list|get|share|unshare`:
-// these work on this machine's data root, not through the service.
-void addOnlineCommands(CLI::App& app, int& status);
+// these work on this machine's data root, except `hub get`, which hands the pack
+// to the running service so that its voice library stays the one in charge.
+void addOnlineCommands(CLI::App& app, const CommonOptions& common, int& status);
 
 }  // namespace kelvo::cli

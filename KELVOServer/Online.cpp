@@ -199,11 +199,16 @@ void hubList() {
   });
 }
 
-void hubGet(const std::string& id) {
-  onHub([&](const HubClient& hub) {
-    LocalLibrary local;
-    std::printf("%s\n", fetchFromHub(hub, id, local.voices, *local.config).describe().c_str());
-  });
+// The running service imports the pack: writing its files behind its back
+// would be undone by the service's next save of the voice library.
+void hubGet(const std::string& id, const CommonOptions& common) {
+  Bytes pack;
+  onHub([&](const HubClient& hub) { pack = downloadShare(hub, id); });
+  const Json summary = ServiceClient(common.url).call("POST", "/v1/packs/import", pack, "application/zip").json();
+  std::printf("%s\n", jStr(summary, "summary").c_str());
+  for (const Json& note : jArr(summary, "notes").value_or(Json::array())) {
+    if (note.is_string()) std::printf("  - %s\n", note.get<std::string>().c_str());
+  }
 }
 
 void hubShare(const ShareOptions& o) {
@@ -225,7 +230,7 @@ void hubUnshare(const std::string& id) {
 
 }  // namespace
 
-void addOnlineCommands(CLI::App& app, int& status) {
+void addOnlineCommands(CLI::App& app, const CommonOptions& common, int& status) {
   CLI::App* models = app.add_subcommand(
       "models", "List the model's variants as installed, partial or missing; download or remove one.");
   models->callback([models] {
@@ -253,9 +258,9 @@ void addOnlineCommands(CLI::App& app, int& status) {
   hub->require_subcommand(1);
   hub->add_subcommand("list", "List the hub's shares.")->callback(hubList);
   auto getId = std::make_shared<std::string>();
-  CLI::App* hubGetCmd = hub->add_subcommand("get", "Import a share's voices and bindings into this data root.");
+  CLI::App* hubGetCmd = hub->add_subcommand("get", "Import a share's voices and bindings through the running service.");
   hubGetCmd->add_option("id", *getId, "the share's id")->required();
-  hubGetCmd->callback([getId] { hubGet(*getId); });
+  hubGetCmd->callback([getId, &common] { hubGet(*getId, common); });
   auto share = std::make_shared<ShareOptions>();
   CLI::App* shareCmd = hub->add_subcommand("share", "Pack bindings and voices and upload them to the hub.");
   shareCmd->add_option("--airline", share->airlines, "binding key such as KVO:en:female (repeatable)");

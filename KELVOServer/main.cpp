@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
   addStatusCommands(app, common);
   addPrebakeCommand(app, common);
   addPackCommands(app, common);
-  addOnlineCommands(app, status);
+  addOnlineCommands(app, common, status);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {

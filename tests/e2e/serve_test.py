@@ -301,9 +301,14 @@ class OnlineTest(unittest.TestCase):
             self.assertIn("already shared and unchanged",
                           self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "again", **url))
             self.assertIn("Anna for KVO", self.kelvo(getter, "hub", "list", **url))
-            self.assertIn("1 voice(s)", self.kelvo(getter, "hub", "get", share, **url))
-            with open(os.path.join(getter, "data", "voices.json")) as f:
-                self.assertIn("Anna", f.read())
+            receiver = Server(getter, free_port())
+            try:
+                self.assertIn("1 voice(s)", self.kelvo(getter, "hub", "get", share, "--url",
+                                                       f"http://127.0.0.1:{receiver.port}", **url))
+                _, voices = receiver.json("GET", "/v1/voices")
+                self.assertEqual([v["display"] for v in voices["voices"]], ["Anna"])
+            finally:
+                receiver.stop()
             self.assertIn("only the machine that shared it", self.kelvo(getter, "hub", "unshare", share, expect=1, **url))
             self.kelvo(sharer, "hub", "unshare", share, **url)
             self.assertIn("lists no share", self.kelvo(getter, "hub", "list", **url))
