@@ -580,6 +580,11 @@ std::int64_t S2LocalEngine::port() const {
   return impl_->port;
 }
 
+std::int64_t S2LocalEngine::restarts() const {
+  std::lock_guard guard(impl_->lock);
+  return impl_->restarts;
+}
+
 std::string S2LocalEngine::modelPath() const {
   std::lock_guard guard(impl_->lock);
   return impl_->modelPathValue;

@@ -97,6 +97,8 @@ class S2LocalEngine final : public TtsEngine {
   std::string detail() const;
   // Seconds since the current start() began; meaningful while loading.
   double loadingSeconds() const;
+  // Automatic restarts of the inference process since the last start().
+  std::int64_t restarts() const;
   std::int64_t port() const;
   std::string modelPath() const;
   std::string enginePath() const;

@@ -58,7 +58,7 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::string& path) {
   return out;
 }
 
-std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data) {
+std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data, unsigned mode) {
   namespace fs = std::filesystem;
   const fs::path target(path);
   std::error_code ec;
@@ -69,7 +69,7 @@ std::error_code writeFileAtomic(const std::string& path, std::span<const std::ui
   // Unique per process and call, so concurrent writers never share a temp file.
   static std::atomic<unsigned> counter{0};
   const std::string temp = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, static_cast<mode_t>(mode));
   if (fd < 0) return lastError();
   if (!writeAll(fd, data) || ::fsync(fd) != 0) {
     ec = lastError();

@@ -19,8 +19,8 @@ namespace kelvo {
 std::optional<std::vector<std::uint8_t>> readFile(const std::string& path);
 
 // Creates missing parent directories, then replaces `path` atomically with
-// `data`. Returns the error of the step that failed; nothing is left behind
-// but a possibly empty parent directory.
-std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data);
+// `data`, readable as `mode` says (less the umask). Returns the error of the
+// step that failed; nothing is left behind but a possibly empty parent directory.
+std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data, unsigned mode = 0644);
 
 }  // namespace kelvo

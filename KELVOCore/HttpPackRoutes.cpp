@@ -28,15 +28,13 @@ std::string packFileName() {
 
 }  // namespace
 
-HttpResponse TtsHttpService::packsRoute(const HttpRequest& request, const std::string& path) {
-  if (path != "/v1/packs/export" && path != "/v1/packs/import") return noSuchPath(request.path);
-  if (request.method != "POST") return methodNotAllowed(request.method);
-  if (path == "/v1/packs/import") {
-    const PackSummary summary = importPack(std::span<const std::uint8_t>(request.body), service_->voices(),
-                                           service_->config());
-    return HttpResponse::json(200, packSummaryJson(summary));
-  }
+HttpResponse TtsHttpService::importPack(const HttpRequest& request) {
+  const PackSummary summary = kelvo::importPack(std::span<const std::uint8_t>(request.body), service_->voices(),
+                                                service_->config());
+  return HttpResponse::json(200, packSummaryJson(summary));
+}
 
+HttpResponse TtsHttpService::exportPack(const HttpRequest& request) {
   const std::optional<Json> body = parseJsonObject(request.body);
   if (!body) return badJson();
   const std::vector<std::string> airlines = stringList(*body, "airlines");

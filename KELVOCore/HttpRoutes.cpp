@@ -16,15 +16,6 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-// Paths are matched in ASCII lower case only, so that byte offsets in the
-// lowered path stay valid in the original (voice ids are taken from there).
-std::string asciiLower(std::string s) {
-  for (char& c : s) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return s;
-}
-
 TtsPriority priorityFromCode(const std::string& code) {
   return toLower(trimmed(code)) == "high" ? TtsPriority::high : TtsPriority::normal;
 }
@@ -67,6 +58,17 @@ HttpResponse errorFor(const TtsError& e) {
   return HttpResponse::error(e.httpStatus(), errorName(e.code), e.message);
 }
 
+// The key of "Authorization: Bearer KEY" (scheme in any case); "" otherwise.
+std::string bearerToken(const std::string& header) {
+  const std::string value = trimmed(header);
+  if (value.size() < 7 || toLower(value.substr(0, 7)) != "bearer ") return {};
+  return trimmed(value.substr(7));
+}
+
+bool isLoopback(const std::string& address) {
+  return address == "localhost" || address == "::1" || address.rfind("127.", 0) == 0;
+}
+
 }  // namespace
 
 // ---- Request parsing ------------------------------------------------------------
@@ -105,17 +107,27 @@ TtsRequest requestFromQuery(const HttpRequest& request) {
 // ---- Life cycle -------------------------------------------------------------------
 
 TtsHttpService::TtsHttpService(std::shared_ptr<TtsService> service, Clock clock)
-    : service_(std::move(service)), clock_(clock ? std::move(clock) : Clock(&SteadyClock::now)) {}
+    : service_(std::move(service)),
+      clock_(clock ? std::move(clock) : Clock(&SteadyClock::now)),
+      keys_(std::make_shared<ApiKeys>()) {
+  addRoutes();
+}
 
 TtsHttpService::~TtsHttpService() { stop(); }
 
 void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional<std::int64_t> port) {
   stop();
-  auto server = std::make_unique<HttpServer>(bindAddress.value_or(service_->config().bindAddress()),
-                                             port.value_or(service_->config().port()),
+  const std::string address = bindAddress.value_or(service_->config().bindAddress());
+  auto server = std::make_unique<HttpServer>(address, port.value_or(service_->config().port()),
                                              [this](const HttpRequest& r) { return dispatch(r); });
   server->start();
   server_ = std::move(server);
+  keys_->writeLocalKey();
+  if (!keys_->enforced() && !isLoopback(address)) {
+    AppLog::warn("http", "no API keys: anyone who can reach port " + std::to_string(boundPort()) +
+                             " can change voices and bindings, clear the cache and import packs; add a key with "
+                             "`kelvo keys add NAME --scope admin`");
+  }
 }
 
 void TtsHttpService::stop() {
@@ -157,19 +169,30 @@ HttpResponse TtsHttpService::noSuchPath(const std::string& path) {
   return HttpResponse::error(404, "not_found", T("没有这个路径:") + path);
 }
 
-void TtsHttpService::setHubStore(std::shared_ptr<HubStore> hub) { hub_ = std::move(hub); }
+void TtsHttpService::setApiKeys(std::shared_ptr<ApiKeys> keys) { keys_ = std::move(keys); }
 
 HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
-  const std::string path = asciiLower(request.path);
-  if (path == "/v1/health" || path == "/health") return request.method == "GET" ? health() : methodNotAllowed(request.method);
-  if (rateLimited(request.peer)) {
+  const auto started = SteadyClock::now();
+  const RouteMatch match = routes_.match(request.method, request.path);
+  const HttpResponse response = answer(request, match);
+  metrics_.countRequest(match.route ? match.route->pattern : "unmatched", methodLabel(match.route, request.method),
+                        response.status, std::chrono::duration<double>(SteadyClock::now() - started).count());
+  return response;
+}
+
+HttpResponse TtsHttpService::answer(const HttpRequest& request, const RouteMatch& match) {
+  if (!routes_.unthrottled(request.path) && rateLimited(request.peer)) {
     const std::int64_t limit = service_->config().rateLimitPerMinute();
-    HttpResponse r = HttpResponse::error(429, "rate_limited", TF("超过了每分钟 %d 次请求的上限", static_cast<int>(limit)));
+    HttpResponse r = limit < 1 ? HttpResponse::error(429, "rate_limited", T("密钥错误的请求太多了,请一分钟后再试"))
+                               : HttpResponse::error(429, "rate_limited",
+                                                     TF("超过了每分钟 %d 次请求的上限", static_cast<int>(limit)));
     r.headers["Retry-After"] = "60";
     return r;
   }
+  if (!match.route) return match.pathKnown ? methodNotAllowed(request.method) : noSuchPath(request.path);
+  if (std::optional<HttpResponse> refusal = refuseCaller(request, match.route->scope)) return *refusal;
   try {
-    return route(request, path);
+    return match.route->handler(request, match.params);
   } catch (const TtsError& e) {
     return errorFor(e);
   } catch (const std::exception& e) {
@@ -177,42 +200,55 @@ HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
   }
 }
 
+std::optional<HttpResponse> TtsHttpService::refuseCaller(const HttpRequest& request, Scope scope) {
+  if (scope == Scope::open || !keys_->enforced()) return std::nullopt;
+  const std::string presented = bearerToken(request.header("authorization"));
+  const std::optional<Scope> granted = keys_->check(presented);
+  if (!granted) {
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      overLimit(failures_, request.peer, authFailuresPerMinute);
+    }
+    HttpResponse r = HttpResponse::error(
+        401, "unauthorized",
+        presented.empty() ? T("需要 API 密钥:请加上 Authorization: Bearer 密钥") : T("这个 API 密钥不对或已被撤销"));
+    r.headers["WWW-Authenticate"] = "Bearer";
+    return r;
+  }
+  if (scope == Scope::admin && *granted != Scope::admin) {
+    return HttpResponse::error(403, "forbidden", T("这个 API 密钥只能合成和查看;这个操作需要 admin 密钥"));
+  }
+  return std::nullopt;
+}
+
 bool TtsHttpService::rateLimited(const std::string& peer) {
   const std::int64_t limit = service_->config().rateLimitPerMinute();
-  if (limit < 1) return false;
+  std::lock_guard<std::mutex> guard(lock_);
+  const auto failed = failures_.find(peer);
+  if (failed != failures_.end() && clock_() - failed->second.start < std::chrono::seconds(60) &&
+      failed->second.count >= authFailuresPerMinute) {
+    return true;
+  }
+  return limit >= 1 && overLimit(hits_, peer, limit);
+}
+
+bool TtsHttpService::overLimit(std::unordered_map<std::string, Period>& table, const std::string& peer,
+                               std::int64_t limit) {
   const auto now = clock_();
   constexpr auto period = std::chrono::seconds(60);
-  std::lock_guard<std::mutex> guard(lock_);
-  auto it = hits_.find(peer);
-  if (it != hits_.end() && now - it->second.start < period) {
+  auto it = table.find(peer);
+  if (it != table.end() && now - it->second.start < period) {
     if (it->second.count >= limit) return true;
     ++it->second.count;
     return false;
   }
   // A scan from many addresses must not grow the table for ever: once it is
   // large, forget every peer whose period is over before adding one.
-  if (it == hits_.end() && hits_.size() >= rateTablePruneSize) {
-    std::erase_if(hits_, [&](const auto& entry) { return now - entry.second.start >= period; });
+  if (it == table.end() && table.size() >= rateTablePruneSize) {
+    std::erase_if(table, [&](const auto& entry) { return now - entry.second.start >= period; });
   }
-  hits_[peer] = Period{now, 1};
+  table[peer] = Period{now, 1};
   return false;
-}
-
-HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string& path) {
-  const std::string& method = request.method;
-  if (path == "/v1/tts") return synthesis(request);
-  if (path == "/v1/prewarm") return prewarm(request);
-  if (path == "/v1/selftest" || path == "/selftest") {
-    return method == "GET" ? selfCheck(request) : methodNotAllowed(method);
-  }
-  if (path == "/v1/airlines" || path == "/v1/defaults") return bindings(request, path == "/v1/airlines");
-  if (path == "/v1/stats") return method == "GET" ? stats() : methodNotAllowed(method);
-  if (path == "/v1/log") return method == "GET" ? logLines(request) : methodNotAllowed(method);
-  if (path == "/v1/cache" && method == "DELETE") return clearCache();
-  if (path == "/v1/voices" || path.rfind("/v1/voices/", 0) == 0) return voicesRoute(request, path);
-  if (path.rfind("/v1/packs/", 0) == 0) return packsRoute(request, path);
-  if (hub_ && path == "/api/hub.php") return hub_->handle(request);
-  return noSuchPath(request.path);
 }
 
 // ---- Health, statistics, log, cache --------------------------------------------------
@@ -251,6 +287,24 @@ HttpResponse TtsHttpService::stats() {
                                       {"engine_detail", s.engineDetail},
                                       {"engine_ready", s.engineReady},
                                       {"placeholder", s.placeholder}});
+}
+
+HttpResponse TtsHttpService::metrics() {
+  const ServiceStats s = service_->stats();
+  MetricsSnapshot now;
+  now.cacheHits = s.cacheHits;
+  now.cacheMisses = service_->cache().stats().misses;
+  now.cacheEntries = s.cacheCount;
+  now.cacheBytes = s.cacheBytes;
+  now.queueDepth = s.queueDepth;
+  now.prewarmPending = s.prewarmPending;
+  now.engine = s.engineName;
+  now.engineReady = s.engineReady;
+  now.placeholder = s.placeholder;
+  now.engineRestarts = service_->s2().restarts();
+  HttpResponse r = HttpResponse::text(200, metrics_.render(now));
+  r.headers["Content-Type"] = "text/plain; version=0.0.4; charset=utf-8";
+  return r;
 }
 
 HttpResponse TtsHttpService::logLines(const HttpRequest& request) {
@@ -303,6 +357,7 @@ HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
   } else {
     try {
       const TtsResult result = service_->synthesize(tts);
+      if (!result.fromCache) metrics_.observeSynthesis(result.engine, static_cast<double>(result.synthMs) / 1000.0);
       log.voice = result.voiceId;
       log.audioMs = result.durationMs;
       log.cacheHit = result.fromCache;

@@ -1,16 +1,20 @@
 // TtsHttpService: the /v1 API that announcement players and operators talk to.
-// It owns the HttpServer while it runs, lower-cases the path, answers health
-// before anything else (a monitor is never throttled), applies a fixed-period
-// per-client rate limit, and routes every other request to the synthesis
-// service, the voice library, the configuration or the cache. With a HubStore
-// attached it also serves the sharing hub's "/API/hub.php" (any case), so an
-// airline group can run its own hub on the same port. Every refusal is a JSON
-// {"error": code, "message": localised text}.
+// It owns the HttpServer while it runs and answers every request from one
+// RouteTable (see RouteTable.h and the rows in HttpRouteTable.cpp): paths are
+// matched in lower case, health is answered before anything else (a monitor
+// is never throttled), then a fixed-period per-client rate limit applies, then
+// the row's scope is checked against the caller's API key (while keys exist),
+// then the row's handler runs. Every request is counted for "/metrics" under
+// its row's pattern. With a HubStore attached it also serves the sharing hub's
+// "/API/hub.php" (any case), so an airline group can run its own hub on the
+// same port. Every refusal is a JSON {"error": code, "message": localised text}.
 //
 // Thread-safe: `dispatch` runs on the server's worker pool for many
-// connections at once. Its only state is the rate-limit table behind one lock;
-// everything else is delegated to the thread-safe service objects.
-// Cost of a request beyond the work it asks for: one map probe under the lock.
+// connections at once. Its own state is the rate-limit tables behind one lock
+// and the metrics behind theirs; everything else is delegated to the
+// thread-safe service objects. Cost of a request beyond the work it asks for:
+// a pass over the route rows, two map probes under the lock, and one SHA-256
+// when a key is presented.
 #pragma once
 
 #include <chrono>
@@ -23,9 +27,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "KELVOCore/ApiKeys.h"
 #include "KELVOCore/HttpServer.h"
 #include "KELVOCore/HubStore.h"
 #include "KELVOCore/Json.h"
+#include "KELVOCore/Metrics.h"
+#include "KELVOCore/RouteTable.h"
 #include "KELVOCore/Service.h"
 
 namespace kelvo {
@@ -46,6 +53,9 @@ class TtsHttpService {
 
   // Peers remembered by the rate limit before stale ones are pruned.
   static constexpr std::size_t rateTablePruneSize = 10000;
+  // Requests with a missing or wrong key one peer may make in a minute before
+  // it is refused with 429, whether or not a general rate limit is set.
+  static constexpr std::int64_t authFailuresPerMinute = 10;
 
   // `clock` drives the rate-limit periods; steady_clock::now when empty.
   explicit TtsHttpService(std::shared_ptr<TtsService> service, Clock clock = {});
@@ -61,6 +71,10 @@ class TtsHttpService {
   bool isRunning() const;
   // Serves the sharing hub from `hub` too. REQUIRES: called before start().
   void setHubStore(std::shared_ptr<HubStore> hub);
+  // Guards the API with `keys` (by default an empty in-memory store: open).
+  // start() writes its local admin key. REQUIRES: called before start().
+  void setApiKeys(std::shared_ptr<ApiKeys> keys);
+  const RouteTable& routes() const { return routes_; }
   std::int64_t boundPort() const;  // 0 when not running
   // Where clients on this machine reach the service, and every reachable address.
   std::string endpoint() const;
@@ -79,8 +93,15 @@ class TtsHttpService {
   static HttpResponse methodNotAllowed(const std::string& method);
   static HttpResponse noSuchPath(const std::string& path);
 
+  // The rows of every route, in match order (HttpRouteTable.cpp).
+  void addRoutes();
+  HttpResponse answer(const HttpRequest& request, const RouteMatch& match);
+  // A refusal when the caller's key does not reach `scope`; counts failures.
+  std::optional<HttpResponse> refuseCaller(const HttpRequest& request, Scope scope);
+  // Counts one request for `peer` in `table`; true when that peer is already
+  // at `limit` for its current minute. REQUIRES: lock_ held.
+  bool overLimit(std::unordered_map<std::string, Period>& table, const std::string& peer, std::int64_t limit);
   bool rateLimited(const std::string& peer);
-  HttpResponse route(const HttpRequest& request, const std::string& path);
 
   HttpResponse health();
   HttpResponse synthesis(const HttpRequest& request);
@@ -89,18 +110,28 @@ class TtsHttpService {
   HttpResponse selfCheck(const HttpRequest& request);
   HttpResponse logLines(const HttpRequest& request);
   HttpResponse clearCache();
+  HttpResponse metrics();
   HttpResponse bindings(const HttpRequest& request, bool airlines);
-  HttpResponse voicesRoute(const HttpRequest& request, const std::string& path);
+  HttpResponse listVoices();
+  HttpResponse getVoice(const std::string& id);
   HttpResponse cloneVoice(const HttpRequest& request);
   HttpResponse removeVoice(const std::string& id);
-  HttpResponse packsRoute(const HttpRequest& request, const std::string& path);
+  HttpResponse exportPack(const HttpRequest& request);
+  HttpResponse importPack(const HttpRequest& request);
+  HttpResponse listKeys();
+  HttpResponse addKey(const HttpRequest& request);
+  HttpResponse removeKey(const std::string& name);
 
   std::shared_ptr<TtsService> service_;
   Clock clock_;
   std::shared_ptr<HubStore> hub_;  // null: no hub served
+  std::shared_ptr<ApiKeys> keys_;
+  RouteTable routes_;
+  Metrics metrics_;
   std::unique_ptr<HttpServer> server_;
-  std::mutex lock_;  // guards hits_
+  std::mutex lock_;  // guards hits_ and failures_
   std::unordered_map<std::string, Period> hits_;
+  std::unordered_map<std::string, Period> failures_;  // requests refused for their key
 };
 
 }  // namespace kelvo

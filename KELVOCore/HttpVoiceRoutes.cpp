@@ -11,8 +11,6 @@ namespace kelvo {
 
 namespace {
 
-constexpr std::string_view voicesPrefix = "/v1/voices/";
-
 HttpResponse noSuchVoice(const std::string& id) {
   return HttpResponse::error(404, "not_found", T("没有这个音色:") + id);
 }
@@ -98,25 +96,15 @@ HttpResponse TtsHttpService::bindings(const HttpRequest& request, bool airlines)
                 {listKey, bindingsJson(airlines ? config.airlinesSnapshot() : config.defaultsSnapshot(), airlines)}});
 }
 
-HttpResponse TtsHttpService::voicesRoute(const HttpRequest& request, const std::string& path) {
-  // Offsets of the lower-cased path are valid in the original: ids keep their case.
-  const std::string rest = path.size() > voicesPrefix.size() ? request.path.substr(voicesPrefix.size()) : "";
-  const std::string& method = request.method;
-  if (method == "GET") {
-    if (rest.empty()) {
-      Json list = Json::array();
-      for (const VoiceInfo& v : service_->voices().all()) list.push_back(voiceToJson(v));
-      return HttpResponse::json(200, Json{{"voices", std::move(list)}});
-    }
-    const std::optional<VoiceInfo> voice = service_->voices().find(rest);
-    return voice ? HttpResponse::json(200, voiceToJson(*voice)) : noSuchVoice(rest);
-  }
-  if (method == "DELETE" && !rest.empty()) return removeVoice(rest);
-  if (method == "POST") {
-    if (path.size() >= 6 && path.compare(path.size() - 6, 6, "/clone") == 0) return cloneVoice(request);
-    return noSuchPath(request.path);
-  }
-  return methodNotAllowed(method);
+HttpResponse TtsHttpService::listVoices() {
+  Json list = Json::array();
+  for (const VoiceInfo& v : service_->voices().all()) list.push_back(voiceToJson(v));
+  return HttpResponse::json(200, Json{{"voices", std::move(list)}});
+}
+
+HttpResponse TtsHttpService::getVoice(const std::string& id) {
+  const std::optional<VoiceInfo> voice = service_->voices().find(id);
+  return voice ? HttpResponse::json(200, voiceToJson(*voice)) : noSuchVoice(id);
 }
 
 HttpResponse TtsHttpService::removeVoice(const std::string& id) {

@@ -433,6 +433,34 @@ void addOnlineCommands(std::unordered_map<std::string, JaEn>& t) {
   t["已撤下共享 %s"] = {"共有 %s を取り下げました", "took down share %s"};
 }
 
+// Who may call the API: refusals for keys, and `kelvo keys`.
+void addApiKeys(std::unordered_map<std::string, JaEn>& t) {
+  t["需要 API 密钥:请加上 Authorization: Bearer 密钥"] = {
+      "API キーが必要です: Authorization: Bearer キー を付けてください",
+      "an API key is required: send Authorization: Bearer KEY"};
+  t["这个 API 密钥不对或已被撤销"] = {"この API キーは正しくないか、取り消されています",
+                                   "this API key is wrong or has been revoked"};
+  t["这个 API 密钥只能合成和查看;这个操作需要 admin 密钥"] = {
+      "この API キーは合成と閲覧だけです。この操作には admin キーが必要です",
+      "this API key may only speak and read; this operation needs an admin key"};
+  t["密钥错误的请求太多了,请一分钟后再试"] = {"キーの誤ったリクエストが多すぎます。1 分後にやり直してください",
+                                            "too many requests with a wrong or missing key; try again in a minute"};
+  t["没有“%s”这个权限范围(可用:speak、admin)"] = {"「%s」という権限範囲はありません(使えるのは speak、admin)",
+                                                 "there is no scope \"%s\" (use speak or admin)"};
+  t["密钥名称要 1 到 64 个字符,只能用字母、数字、点、下划线和连字符"] = {
+      "キー名は 1〜64 文字の英数字、ピリオド、アンダースコア、ハイフンにしてください",
+      "a key name is 1 to 64 letters, digits, dots, underscores or hyphens"};
+  t["已经有叫“%s”的密钥了"] = {"「%s」という名前のキーはすでにあります", "there is already a key named \"%s\""};
+  t["密钥文件写不进去,密钥没有保存"] = {"キーファイルに書き込めないため、キーは保存されていません",
+                                     "the key file cannot be written, so the key was not saved"};
+  t["没有叫“%s”的密钥"] = {"「%s」という名前のキーはありません", "there is no key named \"%s\""};
+  t["新密钥“%s”(%s)- 只显示这一次,请现在保存:"] = {"新しいキー「%s」(%s)- 表示はこの一度だけです。今保存してください:",
+                                                "new key \"%s\" (%s) - shown this once only, save it now:"};
+  t["已撤销密钥“%s”"] = {"キー「%s」を取り消しました", "revoked key \"%s\""};
+  t["还没有 API 密钥:API 对所有人开放"] = {"API キーはまだありません: API は誰にでも開いています",
+                                        "no API keys yet: the API is open to everyone"};
+}
+
 }  // namespace
 
 const std::unordered_map<std::string, JaEn>& i18nTable() {
@@ -451,6 +479,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addCommandLine(t);
     addOnline(t);
     addOnlineCommands(t);
+    addApiKeys(t);
     return t;
   }();
   return table;

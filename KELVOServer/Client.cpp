@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "KELVOCore/ApiKeys.h"
 #include "KELVOCore/Config.h"
+#include "KELVOCore/Files.h"
 #include "KELVOCore/HttpClient.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Paths.h"
@@ -21,6 +23,27 @@ ServiceClient::ServiceClient(std::string url) : url_(url.empty() ? defaultUrl() 
   while (!url_.empty() && url_.back() == '/') url_.pop_back();
 }
 
+namespace {
+
+// The host of "http://host:port/...", without brackets around an IPv6 address.
+std::string urlHost(const std::string& url) {
+  std::size_t from = url.find("://");
+  from = from == std::string::npos ? 0 : from + 3;
+  if (from < url.size() && url[from] == '[') return url.substr(from + 1, url.find(']', from) - from - 1);
+  return url.substr(from, url.find_first_of(":/", from) - from);
+}
+
+}  // namespace
+
+std::string ServiceClient::apiKey() const {
+  if (const char* env = std::getenv("KELVO_API_KEY"); env != nullptr && !trimmed(env).empty()) return trimmed(env);
+  // The service's local key never leaves this machine: it is sent only to a loopback address.
+  const std::string host = urlHost(url_);
+  if (host != "localhost" && host != "::1" && host.rfind("127.", 0) != 0) return {};
+  const std::optional<Bytes> key = readFile(KELVOPaths::dataDir() + std::string(localKeyFileName));
+  return key ? trimmed(std::string(key->begin(), key->end())) : std::string();
+}
+
 std::string ServiceClient::defaultUrl() {
   if (const char* env = std::getenv("KELVO_URL"); env != nullptr && !trimmed(env).empty()) return trimmed(env);
   AppConfig config(KELVOPaths::configFile());
@@ -36,6 +59,7 @@ Reply ServiceClient::call(const std::string& method, const std::string& path, co
   request.method = method;
   request.url = url_ + path;
   if (!body.empty()) request.headers.emplace_back("Content-Type", contentType);
+  if (const std::string key = apiKey(); !key.empty()) request.headers.emplace_back("Authorization", "Bearer " + key);
   request.body = body;
   request.timeout = timeout;
   const HttpClientReply raw = httpExchange(request);

@@ -1,6 +1,8 @@
 // ServiceClient: how the operator commands of `kelvo` talk to a running
 // service. It finds the service's URL (--url, else KELVO_URL, else the data
-// root's configuration), sends one request at a time, and turns every failure
+// root's configuration), sends the API key (KELVO_API_KEY, else, to a loopback
+// address, the local admin key the service wrote in the data root), sends one
+// request at a time, and turns every failure
 // into a CommandError that carries the message for the person at the terminal
 // and the exit status for scripts: 3 when no service answers, 1 when the
 // service refused (its own localised message).
@@ -52,6 +54,8 @@ class ServiceClient {
   Json callJson(const std::string& method, const std::string& path, const Json& body = Json());
 
  private:
+  std::string apiKey() const;  // "" when there is none to send
+
   std::string url_;
 };
 

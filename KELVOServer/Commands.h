@@ -31,5 +31,7 @@ void addPackCommands(CLI::App& app, const CommonOptions& common);
 // these work on this machine's data root, except `hub get`, which hands the pack
 // to the running service so that its voice library stays the one in charge.
 void addOnlineCommands(CLI::App& app, const CommonOptions& common, int& status);
+// `kelvo keys add|list|rm`.
+void addKeyCommands(CLI::App& app, const CommonOptions& common);
 
 }  // namespace kelvo::cli

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "KELVOCore/ApiKeys.h"
 #include "KELVOCore/HttpRoutes.h"
 #include "KELVOCore/HubStore.h"
 #include "KELVOCore/Log.h"
@@ -53,6 +54,7 @@ int serve(const ServeOptions& options) {
   AppLog::info("serve", "data root " + KELVOPaths::dataRoot());
   std::shared_ptr<TtsService> service = TtsService::open();
   TtsHttpService api(service);
+  api.setApiKeys(std::make_shared<ApiKeys>(KELVOPaths::dataDir()));
   if (options.hub) {
     const std::string folder = KELVOPaths::dataRoot() + "hub/";
     api.setHubStore(std::make_shared<HubStore>(folder));

@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
   addPrebakeCommand(app, common);
   addPackCommands(app, common);
   addOnlineCommands(app, common, status);
+  addKeyCommands(app, common);
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {

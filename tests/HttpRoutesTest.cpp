@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+#include <set>
 #include <thread>
 
 #include "KELVOCore/Base64.h"
 #include "KELVOCore/EnginePlaceholder.h"
+#include "KELVOCore/HubStore.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Version.h"
 #include "KELVOCore/Wav.h"
@@ -299,6 +302,33 @@ TEST_F(HttpRoutesTest, PrewarmSortsItemsAndStatusRoutesAnswer) {
   EXPECT_EQ(jArr(body(call("GET", "/v1/log?lines=2")), "lines")->size(), 2u);
   EXPECT_TRUE(jBool(body(call("DELETE", "/v1/cache")), "cleared", false));
   EXPECT_EQ(service->cache().stats().count, 0);
+}
+
+// The document and the table list the same operations, each documented with
+// the scope it is guarded by, and no row is shadowed by one before it.
+TEST_F(HttpRoutesTest, DocumentAndTableListTheSameOperations) {
+  api->setHubStore(std::make_shared<HubStore>(dir.path() + "hub/"));
+  const Json doc = body(call("GET", "/v1/openapi.json"));
+  ASSERT_EQ(jStr(doc, "openapi"), "3.1.0");
+  std::set<std::pair<std::string, std::string>> documented;
+  for (const auto& [path, item] : doc["paths"].items()) {
+    for (const auto& [method, op] : item.items()) {
+      const std::string upper = toUpper(method);
+      documented.emplace(upper, path);
+      const RouteMatch match = api->routes().match(upper, std::regex_replace(path, std::regex("\\{[a-z]+\\}"), "Some.Id"));
+      ASSERT_NE(match.route, nullptr) << method << " " << path;
+      EXPECT_EQ(match.route->pattern, path) << "shadowed by an earlier row";
+      const std::string scope(name(match.route->scope));
+      EXPECT_EQ(jStr(op, "x-kelvo-scope"), scope) << path;
+      EXPECT_EQ(op["security"].empty(), scope == "open") << path;
+      EXPECT_FALSE(jStr(op, "summary").empty()) << path;
+      EXPECT_EQ(op["responses"].contains("401"), scope != "open") << path;
+    }
+  }
+  const std::vector<std::pair<std::string, std::string>> ops = api->routes().operations();
+  const std::set<std::pair<std::string, std::string>> table(ops.begin(), ops.end());
+  EXPECT_EQ(documented, table);
+  EXPECT_EQ(documented.size(), ops.size()) << "an operation listed twice";
 }
 
 }  // namespace

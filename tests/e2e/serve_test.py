@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """End-to-end runs of the real `kelvo serve`: a temporary data root, a free
-loopback port, plain HTTP from the standard library, SIGTERM, a restart."""
+loopback port, plain HTTP from the standard library, SIGTERM, a restart.
+Every answer is checked against the service's own OpenAPI document."""
 import io
 import json
 import os
@@ -16,7 +17,10 @@ import urllib.request
 import wave
 import base64
 
+from contract import Contract
+
 KELVO = os.environ.get("KELVO_BIN") or sys.argv.pop(1)
+CONTRACTS = []  # one per server started, so a suite can total what it checked
 
 
 def free_port():
@@ -41,8 +45,10 @@ def tone_wav(seconds=5, rate=16000):
 class Server:
     """One `kelvo serve` process; stderr is collected in a file."""
 
-    def __init__(self, home, port, *extra):
+    def __init__(self, home, port, *extra, key=None):
         self.port = port
+        self.key = key  # sent as the bearer key unless a request brings its own
+        self.contract = None
         self.log = open(os.path.join(home, "stderr.txt"), "w+")
         env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en")
         env.pop("KELVO_VERBOSE", None)
@@ -54,23 +60,34 @@ class Server:
                 raise AssertionError("kelvo serve exited early:\n" + self.stderr())
             try:
                 if self.request("GET", "/v1/health")[0] == 200:
-                    return
+                    break
             except OSError:
                 time.sleep(0.05)
-        raise AssertionError("kelvo serve did not answer /v1/health in 20 s")
+        else:
+            raise AssertionError("kelvo serve did not answer /v1/health in 20 s")
+        status, _, document = self.request("GET", "/v1/openapi.json")
+        assert status == 200, document
+        self.contract = Contract(json.loads(document))
+        CONTRACTS.append(self.contract)
 
     def request(self, method, path, body=None, headers=None):
         data = json.dumps(body).encode() if isinstance(body, (dict, list)) else body
+        headers = dict(headers or {})
+        if self.key and "Authorization" not in headers:
+            headers["Authorization"] = "Bearer " + self.key
         req = urllib.request.Request(f"http://127.0.0.1:{self.port}{path}", data=data, method=method,
-                                     headers=headers or {})
+                                     headers=headers)
         try:
             with urllib.request.urlopen(req, timeout=30) as r:
-                return r.status, r.headers, r.read()
+                answer = r.status, r.headers, r.read()
         except urllib.error.HTTPError as e:
-            return e.code, e.headers, e.read()
+            answer = e.code, e.headers, e.read()
+        if self.contract:
+            self.contract.check(method, path, *answer)
+        return answer
 
-    def json(self, method, path, body=None):
-        status, _, data = self.request(method, path, body)
+    def json(self, method, path, body=None, headers=None):
+        status, _, data = self.request(method, path, body, headers)
         return status, json.loads(data)
 
     def stop(self):
