@@ -49,7 +49,7 @@ struct RouteDoc {
   std::vector<QueryParam> query{};
   Json requestSchema{};  // null: no body
   std::string requestType = "application/json";
-  Json responseSchema{};  // the 200 body's schema when responseType is JSON
+  Json responseSchema{};  // the 200 body's JSON schema (also when JSON is the alternative answer)
   std::string responseType = "application/json";
   std::vector<std::string> responseHeaders{};  // sent with a 200 (and a 304 when notModified)
   bool notModified = false;                  // may answer 304 to If-None-Match

@@ -20,7 +20,6 @@ import base64
 from contract import Contract
 
 KELVO = os.environ.get("KELVO_BIN") or sys.argv.pop(1)
-CONTRACTS = []  # one per server started, so a suite can total what it checked
 
 
 def free_port():
@@ -59,16 +58,18 @@ class Server:
             if self.proc.poll() is not None:
                 raise AssertionError("kelvo serve exited early:\n" + self.stderr())
             try:
-                if self.request("GET", "/v1/health")[0] == 200:
+                health = self.request("GET", "/v1/health")
+                if health[0] == 200:
                     break
             except OSError:
                 time.sleep(0.05)
         else:
             raise AssertionError("kelvo serve did not answer /v1/health in 20 s")
-        status, _, document = self.request("GET", "/v1/openapi.json")
-        assert status == 200, document
-        self.contract = Contract(json.loads(document))
-        CONTRACTS.append(self.contract)
+        document = self.request("GET", "/v1/openapi.json")
+        assert document[0] == 200, document
+        self.contract = Contract(json.loads(document[2]))
+        self.contract.check("GET", "/v1/openapi.json", *document)
+        self.contract.check("GET", "/v1/health", *health)
 
     def request(self, method, path, body=None, headers=None):
         data = json.dumps(body).encode() if isinstance(body, (dict, list)) else body
