@@ -108,24 +108,24 @@ std::string Metrics::render(const MetricsSnapshot& now) const {
   histogram("kelvo_synthesis_duration_seconds", "Engine time of lines not served from the cache, by engine.",
             "engine", synthesisTimes, synthesisBuckets());
 
-  head(out, "kelvo_cache_hits_total", "counter", "Synthesis requests answered from the cache.");
-  sample(out, "kelvo_cache_hits_total", "", std::to_string(now.cacheHits));
-  head(out, "kelvo_cache_misses_total", "counter", "Cache lookups that found nothing.");
-  sample(out, "kelvo_cache_misses_total", "", std::to_string(now.cacheMisses));
-  head(out, "kelvo_cache_entries", "gauge", "Lines in the cache.");
-  sample(out, "kelvo_cache_entries", "", std::to_string(now.cacheEntries));
-  head(out, "kelvo_cache_bytes", "gauge", "Bytes of audio in the cache.");
-  sample(out, "kelvo_cache_bytes", "", std::to_string(now.cacheBytes));
-  head(out, "kelvo_queue_depth", "gauge", "Synthesis jobs waiting for the engine.");
-  sample(out, "kelvo_queue_depth", "", std::to_string(now.queueDepth));
-  head(out, "kelvo_prewarm_pending", "gauge", "Pre-bake entries not yet in the cache.");
-  sample(out, "kelvo_prewarm_pending", "", std::to_string(now.prewarmPending));
-  head(out, "kelvo_engine_ready", "gauge", "1 when the engine that answers is ready, by engine.");
-  sample(out, "kelvo_engine_ready", "engine=\"" + label(now.engine) + "\"", now.engineReady ? "1" : "0");
-  head(out, "kelvo_engine_placeholder", "gauge", "1 while the placeholder engine stands in for the real one.");
-  sample(out, "kelvo_engine_placeholder", "", now.placeholder ? "1" : "0");
-  head(out, "kelvo_engine_restarts", "gauge", "Automatic restarts of the inference process since the engine started.");
-  sample(out, "kelvo_engine_restarts", "", std::to_string(now.engineRestarts));
+  // One-sample families: the cache, queue and engine as they are now.
+  const auto single = [&](const char* name, const char* type, const char* help, const std::string& labels,
+                          std::int64_t value) {
+    head(out, name, type, help);
+    sample(out, name, labels, std::to_string(value));
+  };
+  single("kelvo_cache_hits_total", "counter", "Synthesis requests answered from the cache.", "", now.cacheHits);
+  single("kelvo_cache_misses_total", "counter", "Cache lookups that found nothing.", "", now.cacheMisses);
+  single("kelvo_cache_entries", "gauge", "Lines in the cache.", "", now.cacheEntries);
+  single("kelvo_cache_bytes", "gauge", "Bytes of audio in the cache.", "", now.cacheBytes);
+  single("kelvo_queue_depth", "gauge", "Synthesis jobs waiting for the engine.", "", now.queueDepth);
+  single("kelvo_prewarm_pending", "gauge", "Pre-bake entries not yet in the cache.", "", now.prewarmPending);
+  single("kelvo_engine_ready", "gauge", "1 when the engine that answers is ready, by engine.",
+         "engine=\"" + label(now.engine) + "\"", now.engineReady ? 1 : 0);
+  single("kelvo_engine_placeholder", "gauge", "1 while the placeholder engine stands in for the real one.", "",
+         now.placeholder ? 1 : 0);
+  single("kelvo_engine_restarts", "gauge", "Automatic restarts of the inference process since the engine started.",
+         "", now.engineRestarts);
   return out;
 }
 
