@@ -174,7 +174,9 @@ void TtsHttpService::setApiKeys(std::shared_ptr<ApiKeys> keys) { keys_ = std::mo
 HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
   const auto started = SteadyClock::now();
   const RouteMatch match = routes_.match(request.method, request.path);
-  const HttpResponse response = answer(request, match);
+  HttpResponse response = answer(request, match);
+  const Route* row = match.route ? match.route : match.pathRoute;
+  if (row != nullptr && row->errorShape && response.status >= 400) response = row->errorShape(std::move(response));
   metrics_.countRequest(match.route ? match.route->pattern : "unmatched", methodLabel(match.route, request.method),
                         response.status, std::chrono::duration<double>(SteadyClock::now() - started).count());
   return response;

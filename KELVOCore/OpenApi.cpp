@@ -75,7 +75,8 @@ Json operation(const Route& route, const std::string& method) {
   for (auto& [status, codes] : errors) {
     std::set<std::string> unique(codes.begin(), codes.end());
     Json response{{"description", reasonText(status)},
-                  {"content", Json{{"application/json", Json{{"schema", errorSchema({unique.begin(), unique.end()})}}}}}};
+                  {"content", Json{{"application/json", Json{{"schema", (doc.errorSchema ? doc.errorSchema : errorSchema)(
+                                                                               {unique.begin(), unique.end()})}}}}}};
     if (status == 401) response["headers"] = headersJson({"WWW-Authenticate"});
     if (status == 429) response["headers"] = headersJson({"Retry-After"});
     responses[std::to_string(status)] = std::move(response);

@@ -59,6 +59,7 @@ RouteMatch RouteTable::match(const std::string& method, const std::string& path)
     RouteParams params;
     if (!matches(route.pattern, lowered, path, &params)) continue;
     result.pathKnown = true;
+    if (result.pathRoute == nullptr) result.pathRoute = &route;
     if (route.method == "*" || route.method == method) {
       if (route.handler) {
         result.route = &route;

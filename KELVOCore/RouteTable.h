@@ -54,6 +54,8 @@ struct RouteDoc {
   std::vector<std::string> responseHeaders{};  // sent with a 200 (and a 304 when notModified)
   bool notModified = false;                  // may answer 304 to If-None-Match
   std::map<int, std::vector<std::string>> errors{};  // status -> the "error" codes it can carry
+  // The schema of this row's error bodies given their codes; empty: {"error","message"}.
+  std::function<Json(const std::vector<std::string>& codes)> errorSchema{};
 };
 
 struct Route {
@@ -63,12 +65,18 @@ struct Route {
   RouteHandler handler{};  // empty: the method answers 404 like an unknown path and is not documented
   RouteDoc doc{};
   bool unthrottled = false;  // never rate limited on any method (health, for monitors)
+  // Reshapes every error answer (status 400 or more) on this row's path, the
+  // 401, 403, 405 and 429 of dispatch included, for clients that expect
+  // another error shape; it must leave an answer already in that shape alone.
+  // Empty: answers stay {"error","message"}.
+  std::function<HttpResponse(HttpResponse)> errorShape{};
 };
 
 struct RouteMatch {
   const Route* route = nullptr;  // null: no row takes this method and path
   RouteParams params;
   bool pathKnown = false;  // some row has the path (so a miss is 405, not 404)
+  const Route* pathRoute = nullptr;  // the first row with the path, whatever its method
 };
 
 class RouteTable {
