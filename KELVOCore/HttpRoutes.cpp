@@ -183,13 +183,17 @@ HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
 }
 
 HttpResponse TtsHttpService::answer(const HttpRequest& request, const RouteMatch& match) {
-  if (!routes_.unthrottled(request.path) && rateLimited(request.peer)) {
-    const std::int64_t limit = service_->config().rateLimitPerMinute();
-    HttpResponse r = limit < 1 ? HttpResponse::error(429, "rate_limited", T("密钥错误的请求太多了,请一分钟后再试"))
-                               : HttpResponse::error(429, "rate_limited",
-                                                     TF("超过了每分钟 %d 次请求的上限", static_cast<int>(limit)));
-    r.headers["Retry-After"] = "60";
-    return r;
+  if (!routes_.unthrottled(request.path)) {
+    std::optional<std::string> refusal;
+    if (lockedOut(request.peer)) refusal = T("密钥错误的请求太多了,请一分钟后再试");
+    else if (rateLimited(request.peer)) {
+      refusal = TF("超过了每分钟 %d 次请求的上限", static_cast<int>(service_->config().rateLimitPerMinute()));
+    }
+    if (refusal) {
+      HttpResponse r = HttpResponse::error(429, "rate_limited", *refusal);
+      r.headers["Retry-After"] = "60";
+      return r;
+    }
   }
   if (!match.route) return match.pathKnown ? methodNotAllowed(request.method) : noSuchPath(request.path);
   if (std::optional<HttpResponse> refusal = refuseCaller(request, match.route->scope)) return *refusal;
@@ -223,15 +227,18 @@ std::optional<HttpResponse> TtsHttpService::refuseCaller(const HttpRequest& requ
   return std::nullopt;
 }
 
+bool TtsHttpService::lockedOut(const std::string& peer) {
+  std::lock_guard<std::mutex> guard(lock_);
+  const auto it = failures_.find(peer);
+  return it != failures_.end() && clock_() - it->second.start < std::chrono::seconds(60) &&
+         it->second.count >= authFailuresPerMinute;
+}
+
 bool TtsHttpService::rateLimited(const std::string& peer) {
   const std::int64_t limit = service_->config().rateLimitPerMinute();
+  if (limit < 1) return false;
   std::lock_guard<std::mutex> guard(lock_);
-  const auto failed = failures_.find(peer);
-  if (failed != failures_.end() && clock_() - failed->second.start < std::chrono::seconds(60) &&
-      failed->second.count >= authFailuresPerMinute) {
-    return true;
-  }
-  return limit >= 1 && overLimit(hits_, peer, limit);
+  return overLimit(hits_, peer, limit);
 }
 
 bool TtsHttpService::overLimit(std::unordered_map<std::string, Period>& table, const std::string& peer,

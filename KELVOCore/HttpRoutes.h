@@ -102,6 +102,8 @@ class TtsHttpService {
   // at `limit` for its current minute. REQUIRES: lock_ held.
   bool overLimit(std::unordered_map<std::string, Period>& table, const std::string& peer, std::int64_t limit);
   bool rateLimited(const std::string& peer);
+  // True while `peer` has used up its failed keys for the current minute.
+  bool lockedOut(const std::string& peer);
 
   HttpResponse health();
   HttpResponse synthesis(const HttpRequest& request);
