@@ -175,6 +175,12 @@ void addEngine(std::unordered_map<std::string, JaEn>& t) {
       "the inference process keeps exiting (%d times); auto-restart stopped - see %s"};
   t["推理进程不见了 — 第 %d 次重启尝试…"] = {"推論プロセスが消えました — 再起動 %d 回目…",
                                         "the inference process vanished — restart attempt %d…"};
+  t["端口 %d 被另一个程序占着(不是推理进程),继续等推理进程…"] = {
+      "ポート %d は別のプログラムが使っています(推論プロセスではありません)。推論プロセスを待ち続けます…",
+      "another program holds port %d (not the inference process); still waiting for the inference process…"};
+  t["另一个程序占着端口 %d,推理进程没法在上面监听"] = {
+      "別のプログラムがポート %d を使っているため、推論プロセスはそこで待ち受けできません",
+      "another program holds port %d, so the inference process could not listen on it"};
   // One synthesis call.
   t["没有要合成的文字"] = {"合成するテキストがありません", "no text to synthesise"};
   t["引擎不完整:bin 里缺少 %s"] = {"エンジンが不完全です: bin に %s がありません",

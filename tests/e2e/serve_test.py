@@ -41,10 +41,10 @@ def tone_wav(seconds=5, rate=16000):
 class Server:
     """One `kelvo serve` process; stderr is collected in a file."""
 
-    def __init__(self, home, port, *extra):
+    def __init__(self, home, port, *extra, env=None):
         self.port = port
         self.log = open(os.path.join(home, "stderr.txt"), "w+")
-        env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en")
+        env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en", **(env or {}))
         env.pop("KELVO_VERBOSE", None)
         self.proc = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1", *extra],
                                      env=env, stdout=subprocess.DEVNULL, stderr=self.log)
@@ -169,6 +169,82 @@ class ServeTest(unittest.TestCase):
             self.assertIn(word, run.stdout)
         for bad in (["bogus"], ["serve", "--port", "99999"], []):
             self.assertEqual(subprocess.run([KELVO] + bad, capture_output=True).returncode, 2, bad)
+
+
+def eventually(probe, what, seconds=20):
+    """probe()'s first true value within `seconds`."""
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        value = probe()
+        if value:
+            return value
+        time.sleep(0.05)
+    raise AssertionError("never happened: " + what)
+
+
+class EngineTest(unittest.TestCase):
+    """`kelvo serve` with tools/s2_double.py installed as its inference engine."""
+
+    def setUp(self):
+        self.home = tempfile.mkdtemp(prefix="kelvo-engine-")
+        os.makedirs(os.path.join(self.home, "engine"))
+        os.makedirs(os.path.join(self.home, "models"))
+        double = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "s2_double.py")
+        with open(double, "rb") as f, open(os.path.join(self.home, "engine", "s2"), "wb") as out:
+            out.write(f.read())
+        os.chmod(os.path.join(self.home, "engine", "s2"), 0o755)
+        with open(os.path.join(self.home, "models", "x.gguf"), "w") as f:
+            f.write("gguf")
+
+    def tearDown(self):
+        subprocess.run(["rm", "-rf", self.home], check=False)
+
+    def engine_port(self):
+        """The port the engine gave its child, from the child's own first log line."""
+        log = os.path.join(self.home, "logs", "s2-engine.log")
+
+        def port():
+            with open(log) as f:
+                words = f.readline().split()
+            return "--port" in words and int(words[words.index("--port") + 1])
+        return eventually(port, "the double logs its command line")
+
+    def detail(self, srv, text):
+        """/v1/health once its engine detail holds `text`."""
+        def health():
+            answer = srv.json("GET", "/v1/health")[1]
+            return text in answer["engine_detail"] and answer
+        return eventually(health, "engine detail with " + text)
+
+    def test_foreign_listener_on_the_engine_port(self):
+        # The child loads for 4 s before it listens; meanwhile another program takes its port.
+        slow = {"S2_DOUBLE_LOAD_MS": "4000"}
+        srv = Server(self.home, free_port(), env=slow)
+        try:
+            port = self.engine_port()
+            with socket.create_server(("127.0.0.1", port)):
+                health = self.detail(srv, f"another program holds port {port} (not the inference process)")
+                self.assertEqual((health["engine_ready"], health["status"]), (False, "degraded"))
+                # The child cannot listen there and gives up; the diagnosis names the port.
+                health = self.detail(srv, f"another program holds port {port}, so the inference process could not")
+                self.assertIn("the inference process exited", health["engine_detail"])
+                self.assertFalse(health["engine_ready"])
+        finally:
+            self.assertEqual(srv.stop()[0], 0)
+
+        # Started again: the other program leaves before the child listens, and the child is used.
+        srv = Server(self.home, free_port(), env=slow)
+        try:
+            port = self.engine_port()
+            with socket.create_server(("127.0.0.1", port)):
+                self.detail(srv, f"another program holds port {port}")
+            health = self.detail(srv, f"x.gguf, port {port}, loaded in")
+            self.assertEqual((health["engine_ready"], health["placeholder"]), (True, False))
+            status, headers, wav = srv.request("POST", "/v1/tts", {"text": "Gate change", "language": "en"})
+            self.assertEqual((status, headers["X-KELVO-Engine"]), (200, "fish-s2-pro (s2.cpp)"), wav)
+            self.assertEqual(wav[20:22], b"\x01\x00")  # the engine's float samples went out as 16-bit PCM
+        finally:
+            self.assertEqual(srv.stop()[0], 0)
 
 
 class CommandLineTest(unittest.TestCase):
