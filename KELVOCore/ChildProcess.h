@@ -10,7 +10,8 @@
 // always reaped by the time its last owner lets go: no zombie outlives it.
 // Cost: a poll is one waitid() call; a process-table scan reads two small files
 // per process (about 1 ms for a few hundred processes); a listener look adds
-// the TCP tables and the descriptor lists of one process tree.
+// the kernel's TCP tables, which grow with every socket on the machine (about
+// 8 ms of CPU with 1,100 open connections), and one process tree's descriptors.
 #pragma once
 
 #include <sys/types.h>

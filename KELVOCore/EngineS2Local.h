@@ -13,7 +13,8 @@
 // among themselves. Owns a child process: destroying the engine stops the
 // child (SIGTERM, 3 s, then SIGKILL to its process group) and reaps it.
 // Cost: start() returns after the launch (port probes and posix_spawn, a few
-// milliseconds); readiness is watched by polling every 0.4 s. A synthesis
+// milliseconds); readiness is watched by polling every 0.4 s, each look
+// reading the kernel's TCP tables (see loopbackListener). A synthesis
 // call adds about half a millisecond to the engine's own time.
 #pragma once
 
