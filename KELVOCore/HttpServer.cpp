@@ -95,6 +95,10 @@ using RequestParser = http::request_parser<SpoolBody>;
 // Reads are small while a header block comes in and large once a body does.
 constexpr std::size_t headerReadBytes = 16 * 1024;
 constexpr std::size_t bodyReadBytes = 256 * 1024;
+// A body received into a file may take minutes; its receive clock restarts
+// each time this much more of it has arrived, so it only has to keep moving
+// (a trickle of a few bytes cannot hold the connection for ever).
+constexpr std::uint64_t uploadProgressBytes = 1024 * 1024;
 // After a response that ends the connection, what the client still sends is
 // read and dropped for this long: closing with unread input would reset the
 // connection and could destroy the response before the client has read it.
@@ -325,6 +329,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     parser_->eager(false);
     bodyChosen_ = false;
     spooled_ = false;
+    uploadProgress_ = 0;
     continueSent_ = false;
     if (buffer_.size() > 0) {  // a pipelined request already arrived
       phase_ = Phase::receiving;
@@ -358,8 +363,9 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
       sentAny_ = true;
       server_.setWaiting(this, false);
       setDeadline(server_.options.receiveTimeout);
-    } else if (spooled_) {
-      setDeadline(server_.options.receiveTimeout);  // a large upload only has to keep moving
+    } else if (spooled_ && (uploadProgress_ += n) >= uploadProgressBytes) {
+      uploadProgress_ = 0;
+      setDeadline(server_.options.receiveTimeout);
     }
     parse();
   }
@@ -616,6 +622,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   bool sentAny_ = false;       // the client has sent a byte on this connection
   bool bodyChosen_ = false;    // chooseBody() ran for the request being received
   bool spooled_ = false;       // its body goes to a temporary file
+  std::uint64_t uploadProgress_ = 0;  // bytes of it since its receive clock last restarted
   bool close_ = false;         // the response in hand ends the connection
   bool continueSent_ = false;  // "100 Continue" already went out for this request
   std::string head_;           // the response being written

@@ -19,8 +19,8 @@
 // so idle sockets can never lock out a monitor; only when every connection is
 // busy is the new one closed at once. No timer runs while a handler works.
 // Requests the options name may carry bodies up to 512 MiB, received into a
-// temporary file instead of memory; their receive clock restarts with every
-// read, as a large upload may take minutes. Each kind of breach is logged
+// temporary file instead of memory; as a large upload may take minutes, their
+// receive clock restarts with every MiB received. Each kind of breach is logged
 // (source "http") the first time it happens.
 //
 // Thread-safe: start() and stop() may be called from any thread but a handler;

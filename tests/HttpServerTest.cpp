@@ -245,10 +245,13 @@ TEST(HttpServerTest, RefusalsAnswerThenClose) {
 }
 
 TEST(HttpServerTest, ReceiveAndIdleTimeoutsSpareHandlers) {
+  test::TempDir dir;
   HttpServer::Options quick;
   quick.receiveTimeout = 300ms;
   quick.idleTimeout = 400ms;
   quick.firstByteTimeout = 200ms;
+  quick.spoolsBody = [](std::string_view, std::string_view path) { return path == "/upload"; };
+  quick.spoolBase = dir.path() + "up";
   EchoServer s(quick);
   // A connection that never sends a byte is dropped first.
   Client silent(s.port());
@@ -270,6 +273,22 @@ TEST(HttpServerTest, ReceiveAndIdleTimeoutsSpareHandlers) {
   EXPECT_EQ(body(c.response()), "GET /slow ");
   EXPECT_TRUE(c.closedWithin(5s));
   EXPECT_EQ(s.calls, 1);
+  // An upload into a file outlasts the receive clock while every MiB comes in
+  // time; a trickle of bytes does not.
+  Client upload(s.port());
+  upload.send("POST /upload HTTP/1.1\r\nContent-Length: 3145728\r\n\r\n");
+  for (int i = 0; i < 3; ++i) {
+    std::this_thread::sleep_for(200ms);
+    upload.send(std::string(1 << 20, 'u'));
+  }
+  EXPECT_EQ(body(upload.response()), "POST /upload file:3145728");
+  Client trickle(s.port());
+  trickle.send("POST /upload HTTP/1.1\r\nContent-Length: 100\r\n\r\n");
+  int trickled = 0;
+  while (trickled < 100 && trickle.send("t") && !trickle.closedWithin(50ms)) ++trickled;
+  EXPECT_LT(trickled, 100);
+  EXPECT_TRUE(trickle.closedWithin(5s));
+  EXPECT_EQ(trickle.data(), "");
 }
 
 TEST(HttpServerTest, AtTheCapTheLongestWaitingConnectionMakesRoom) {
