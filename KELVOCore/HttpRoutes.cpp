@@ -111,9 +111,16 @@ TtsHttpService::~TtsHttpService() { stop(); }
 
 void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional<std::int64_t> port) {
   stop();
+  // A clone pack may be far larger than any other body, so it alone is
+  // received into a file beside the cache instead of into memory.
+  HttpServer::Options options;
+  options.spoolsBody = [](std::string_view method, std::string_view path) {
+    return method == "POST" && asciiLower(std::string(path)) == "/v1/packs/import";
+  };
+  options.spoolBase = service_->cache().directory() + "pack-upload";
   auto server = std::make_unique<HttpServer>(bindAddress.value_or(service_->config().bindAddress()),
                                              port.value_or(service_->config().port()),
-                                             [this](const HttpRequest& r) { return dispatch(r); });
+                                             [this](const HttpRequest& r) { return dispatch(r); }, options);
   server->start();
   server_ = std::move(server);
 }
