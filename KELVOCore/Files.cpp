@@ -6,13 +6,33 @@
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <filesystem>
+
+#include "KELVOCore/ChildProcess.h"
 
 namespace kelvo {
 
 namespace {
 
+constexpr std::string_view kTempMark = ".tmp-";
+
 std::error_code lastError() { return {errno, std::generic_category()}; }
+
+// The writer's pid of a "<name>.tmp-<pid>-<n>" file; absent for any other name.
+std::optional<pid_t> tempWriter(std::string_view name) {
+  const std::size_t mark = name.rfind(kTempMark);
+  if (mark == std::string_view::npos || mark == 0) return std::nullopt;
+  const char* p = name.data() + mark + kTempMark.size();
+  const char* end = name.data() + name.size();
+  pid_t pid = 0;
+  unsigned n = 0;
+  auto [afterPid, ec] = std::from_chars(p, end, pid);
+  if (ec != std::errc() || afterPid == end || *afterPid != '-' || pid <= 0) return std::nullopt;
+  auto [afterN, ec2] = std::from_chars(afterPid + 1, end, n);
+  if (ec2 != std::errc() || afterN != end) return std::nullopt;
+  return pid;
+}
 
 // Writes every byte, retrying short writes and EINTR.
 bool writeAll(int fd, std::span<const std::uint8_t> data) {
@@ -68,7 +88,7 @@ std::error_code writeFileAtomic(const std::string& path, std::span<const std::ui
   }
   // Unique per process and call, so concurrent writers never share a temp file.
   static std::atomic<unsigned> counter{0};
-  const std::string temp = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+  const std::string temp = path + std::string(kTempMark) + std::to_string(::getpid()) + "-" + std::to_string(counter++);
   const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return lastError();
   if (!writeAll(fd, data) || ::fsync(fd) != 0) {
@@ -83,6 +103,20 @@ std::error_code writeFileAtomic(const std::string& path, std::span<const std::ui
     return ec;
   }
   return {};
+}
+
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> removed;
+  std::error_code ec;
+  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    const std::optional<pid_t> writer = tempWriter(name);
+    if (!writer || (*writer != ::getpid() && processAlive(*writer))) continue;
+    std::error_code ignored;
+    if (it->is_regular_file(ignored) && fs::remove(it->path(), ignored)) removed.push_back(name);
+  }
+  return removed;
 }
 
 }  // namespace kelvo

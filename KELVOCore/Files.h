@@ -23,4 +23,11 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::string& path);
 // but a possibly empty parent directory.
 std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data);
 
+// Removes from `dir` (not its sub-folders) the temporary files of
+// writeFileAtomic() whose writer died before its rename: those named for a
+// pid that is not alive, or for this process itself (an earlier life of the
+// same pid, as in a container). Returns the names removed.
+// REQUIRES: this process has not started writing in `dir`.
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir);
+
 }  // namespace kelvo
