@@ -135,7 +135,10 @@ std::string TtsHttpService::listenAddress() const { return server_ ? bindAddress
 std::string TtsHttpService::endpoint() const {
   const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
   std::string host = listenAddress();
+  // The command line finds the service at this URL: a wildcard is reached on loopback.
   if (host.empty() || host == "0.0.0.0") host = "127.0.0.1";
+  if (host == "::") host = "::1";
+  if (host.find(':') != std::string::npos) host = "[" + host + "]";
   return "http://" + host + ":" + std::to_string(port);
 }
 
