@@ -60,6 +60,11 @@ class OwnershipTest(unittest.TestCase):
             out = self.kelvo("models", "rm", "q6_k", expect=1)
             self.assertIn(f"(pid {first.proc.pid})", out)
             self.assertIn("stop the service", out)
+            smoke = subprocess.run([os.path.join(os.path.dirname(KELVO), "kelvo-selftest"), "smoke"],
+                                   env=dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en"),
+                                   capture_output=True, text=True, timeout=60)
+            self.assertEqual(smoke.returncode, 1, smoke.stdout)
+            self.assertIn(f"(pid {first.proc.pid})", smoke.stdout)
         finally:
             code, err = first.stop()
         self.assertEqual(code, 0, err)
