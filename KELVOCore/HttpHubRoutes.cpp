@@ -14,35 +14,43 @@
 
 namespace kelvo {
 
-HttpResponse TtsHttpService::hubSharesRoute(const HttpRequest& request, const std::string& path) {
-  constexpr std::string_view collection = "/v1/hub/shares";
-  const bool one = path.size() > collection.size() + 1;
-  if (one ? request.method != "DELETE" : request.method != "POST") return methodNotAllowed(request.method);
+namespace {
 
-  std::optional<Json> body;
-  if (!one && !(body = parseJsonObject(request.body))) return badJson();
-  const std::string address = one ? request.queryValue("hub") : jStr(*body, "hub");
-  const HubClient hub(trimmed(address).empty() ? hubBaseUrl() : address);
-  if (!hub.configured()) {
-    return HttpResponse::error(400, "bad_request", T("这个版本没有配置共享中心 — 设置 KELVO_HUB_URL 指向共享中心的地址"));
-  }
+// The hub named by the request, else the service's own; absent when neither is set.
+std::optional<HubClient> hubFor(const std::string& named) {
+  HubClient hub(trimmed(named).empty() ? hubBaseUrl() : named);
+  if (!hub.configured()) return std::nullopt;
+  return hub;
+}
 
-  if (one) {
-    // Byte offsets of the lowered path hold in the original: ids keep their case.
-    const std::string id = request.path.substr(collection.size() + 1);
-    unshareFromHub(hub, id, service_->config());
-    return HttpResponse::json(200, Json{{"id", id}, {"removed", true}});
-  }
+HttpResponse noHub() {
+  return HttpResponse::error(400, "bad_request", T("这个版本没有配置共享中心 — 设置 KELVO_HUB_URL 指向共享中心的地址"));
+}
+
+}  // namespace
+
+HttpResponse TtsHttpService::shareOnHubRoute(const HttpRequest& request) {
+  const std::optional<Json> body = parseJsonObject(request.body);
+  if (!body) return badJson();
+  const std::optional<HubClient> hub = hubFor(jStr(*body, "hub"));
+  if (!hub) return noHub();
   const std::vector<std::string> airlines = jStrings(*body, "airlines");
   const std::vector<std::string> voices = jStrings(*body, "voices");
   if (airlines.empty() && voices.empty()) {
     return HttpResponse::error(400, "bad_request", T("请至少指定一个航司绑定或音色来共享"));
   }
   const ShareResult result =
-      shareOnHub(hub, jStr(*body, "title"), airlines, voices, service_->voices(), service_->config());
+      shareOnHub(*hub, jStr(*body, "title"), airlines, voices, service_->voices(), service_->config());
   return HttpResponse::json(200, Json{{"id", result.id},
                                       {"unchanged", result.unchanged},
                                       {"pack", packSummaryJson(result.summary)}});
+}
+
+HttpResponse TtsHttpService::unshareFromHubRoute(const HttpRequest& request, const std::string& id) {
+  const std::optional<HubClient> hub = hubFor(request.queryValue("hub"));
+  if (!hub) return noHub();
+  unshareFromHub(*hub, id, service_->config());
+  return HttpResponse::json(200, Json{{"id", id}, {"removed", true}});
 }
 
 }  // namespace kelvo

@@ -217,7 +217,11 @@ HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string
   if (path == "/v1/cache" && method == "DELETE") return clearCache();
   if (path == "/v1/voices" || path.rfind("/v1/voices/", 0) == 0) return voicesRoute(request, path);
   if (path.rfind("/v1/packs/", 0) == 0) return packsRoute(request, path);
-  if (path == "/v1/hub/shares" || path.rfind("/v1/hub/shares/", 0) == 0) return hubSharesRoute(request, path);
+  if (path == "/v1/hub/shares") return method == "POST" ? shareOnHubRoute(request) : methodNotAllowed(method);
+  if (constexpr std::string_view share = "/v1/hub/shares/"; path.size() > share.size() && path.starts_with(share)) {
+    // Offsets of the lowered path hold in the original: share ids keep their case.
+    return method == "DELETE" ? unshareFromHubRoute(request, request.path.substr(share.size())) : methodNotAllowed(method);
+  }
   if (hub_ && path == "/api/hub.php") return hub_->handle(request);
   return noSuchPath(request.path);
 }

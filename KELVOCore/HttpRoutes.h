@@ -98,7 +98,8 @@ class TtsHttpService {
   HttpResponse cloneVoice(const HttpRequest& request);
   HttpResponse removeVoice(const std::string& id);
   HttpResponse packsRoute(const HttpRequest& request, const std::string& path);
-  HttpResponse hubSharesRoute(const HttpRequest& request, const std::string& path);
+  HttpResponse shareOnHubRoute(const HttpRequest& request);
+  HttpResponse unshareFromHubRoute(const HttpRequest& request, const std::string& id);
 
   std::shared_ptr<TtsService> service_;
   Clock clock_;
