@@ -6,14 +6,34 @@
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <filesystem>
 #include <utility>
+
+#include "KELVOCore/ChildProcess.h"
 
 namespace kelvo {
 
 namespace {
 
+constexpr std::string_view kTempMark = ".tmp-";
+
 std::error_code lastError() { return {errno, std::generic_category()}; }
+
+// The writer's pid of a "<name>.tmp-<pid>-<n>" file; absent for any other name.
+std::optional<pid_t> tempWriter(std::string_view name) {
+  const std::size_t mark = name.rfind(kTempMark);
+  if (mark == std::string_view::npos || mark == 0) return std::nullopt;
+  const char* p = name.data() + mark + kTempMark.size();
+  const char* end = name.data() + name.size();
+  pid_t pid = 0;
+  unsigned n = 0;
+  auto [afterPid, ec] = std::from_chars(p, end, pid);
+  if (ec != std::errc() || afterPid == end || *afterPid != '-' || pid <= 0) return std::nullopt;
+  auto [afterN, ec2] = std::from_chars(afterPid + 1, end, n);
+  if (ec2 != std::errc() || afterN != end) return std::nullopt;
+  return pid;
+}
 
 // Writes every byte, retrying short writes and EINTR.
 bool writeAll(int fd, std::span<const std::uint8_t> data) {
@@ -32,7 +52,7 @@ bool writeAll(int fd, std::span<const std::uint8_t> data) {
 // Unique per process and call, so concurrent writers never share a temp file.
 std::string tempName(const std::string& base) {
   static std::atomic<unsigned> counter{0};
-  return base + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+  return base + std::string(kTempMark) + std::to_string(::getpid()) + "-" + std::to_string(counter++);
 }
 
 std::error_code createParent(const std::string& path) {
@@ -152,6 +172,20 @@ bool RandomAccessFile::readAt(std::uint64_t offset, std::span<std::uint8_t> out)
     done += static_cast<std::size_t>(n);
   }
   return true;
+}
+
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> removed;
+  std::error_code ec;
+  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    const std::optional<pid_t> writer = tempWriter(name);
+    if (!writer || (*writer != ::getpid() && processAlive(*writer))) continue;
+    std::error_code ignored;
+    if (it->is_regular_file(ignored) && fs::remove(it->path(), ignored)) removed.push_back(name);
+  }
+  return removed;
 }
 
 }  // namespace kelvo

@@ -72,4 +72,11 @@ class RandomAccessFile {
   std::uint64_t size_ = 0;
 };
 
+// Removes from `dir` (not its sub-folders) the temporary files of
+// writeFileAtomic() whose writer died before its rename: those named for a
+// pid that is not alive, or for this process itself (an earlier life of the
+// same pid, as in a container). Returns the names removed.
+// REQUIRES: this process has not started writing in `dir`.
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir);
+
 }  // namespace kelvo

@@ -118,11 +118,12 @@ void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional
     return method == "POST" && asciiLower(std::string(path)) == "/v1/packs/import";
   };
   options.spoolBase = service_->cache().directory() + "pack-upload";
-  auto server = std::make_unique<HttpServer>(bindAddress.value_or(service_->config().bindAddress()),
-                                             port.value_or(service_->config().port()),
+  std::string address = bindAddress.value_or(service_->config().bindAddress());
+  auto server = std::make_unique<HttpServer>(address, port.value_or(service_->config().port()),
                                              [this](const HttpRequest& r) { return dispatch(r); }, options);
   server->start();
   server_ = std::move(server);
+  bindAddress_ = std::move(address);
 }
 
 void TtsHttpService::stop() {
@@ -136,17 +137,22 @@ bool TtsHttpService::isRunning() const { return server_ && server_->isRunning();
 
 std::int64_t TtsHttpService::boundPort() const { return server_ ? server_->boundPort() : 0; }
 
+std::string TtsHttpService::listenAddress() const { return server_ ? bindAddress_ : service_->config().bindAddress(); }
+
 std::string TtsHttpService::endpoint() const {
   const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
-  std::string host = service_->config().bindAddress();
+  std::string host = listenAddress();
+  // The command line finds the service at this URL: a wildcard is reached on loopback.
   if (host.empty() || host == "0.0.0.0") host = "127.0.0.1";
+  if (host == "::") host = "::1";
+  if (host.find(':') != std::string::npos) host = "[" + host + "]";
   return "http://" + host + ":" + std::to_string(port);
 }
 
 std::vector<std::string> TtsHttpService::allEndpoints() const {
   const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
   std::vector<std::string> urls{endpoint()};
-  for (std::string& url : reachableUrls(service_->config().bindAddress(), port)) {
+  for (std::string& url : reachableUrls(listenAddress(), port)) {
     if (std::find(urls.begin(), urls.end(), url) == urls.end()) urls.push_back(std::move(url));
   }
   return urls;
@@ -218,6 +224,11 @@ HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string
   if (path == "/v1/cache" && method == "DELETE") return clearCache();
   if (path == "/v1/voices" || path.rfind("/v1/voices/", 0) == 0) return voicesRoute(request, path);
   if (path.rfind("/v1/packs/", 0) == 0) return packsRoute(request, path);
+  if (path == "/v1/hub/shares") return method == "POST" ? shareOnHubRoute(request) : methodNotAllowed(method);
+  if (constexpr std::string_view share = "/v1/hub/shares/"; path.size() > share.size() && path.starts_with(share)) {
+    // Offsets of the lowered path hold in the original: share ids keep their case.
+    return method == "DELETE" ? unshareFromHubRoute(request, request.path.substr(share.size())) : methodNotAllowed(method);
+  }
   if (hub_ && path == "/api/hub.php") return hub_->handle(request);
   return noSuchPath(request.path);
 }

@@ -243,7 +243,7 @@ TEST(S2Discovery, FindsFilesAndNamesWhatIsMissing) {
     engine.start();
     EXPECT_EQ(engine.currentState(), S2EngineState::missing);
     EXPECT_EQ(engine.missingWhat(), c.missing);
-    EXPECT_EQ(engine.detail(), "missing " + c.missing + " under bin");
+    EXPECT_EQ(engine.detail(), root.root() + " lacks " + c.missing);
     EXPECT_TRUE(test::loggedLine(
         "s2", LogLevel::warn, "model files incomplete (missing " + c.missing + "); falling back to placeholder audio"));
     try {
@@ -251,7 +251,7 @@ TEST(S2Discovery, FindsFilesAndNamesWhatIsMissing) {
       ADD_FAILURE() << "synthesised without an engine";
     } catch (const TtsError& e) {
       EXPECT_EQ(e.code, TtsErrorCode::engineNotConnected);
-      EXPECT_EQ(e.message, "the engine is incomplete: " + c.missing + " missing under bin");
+      EXPECT_EQ(e.message, "the engine is incomplete: " + root.root() + " lacks " + c.missing);
     }
   }
 

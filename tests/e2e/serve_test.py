@@ -39,13 +39,15 @@ def tone_wav(seconds=5, rate=16000):
 
 
 class Server:
-    """One `kelvo serve` process; stderr is collected in a file."""
+    """One `kelvo serve` process; stderr is collected in a file. `env` adds to the
+    environment, and a None value removes that variable."""
 
     def __init__(self, home, port, *extra, env=None):
         self.port = port
         self.log = open(os.path.join(home, "stderr.txt"), "w+")
         env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en", **(env or {}))
-        env.pop("KELVO_VERBOSE", None)
+        for name in ["KELVO_VERBOSE"] + [k for k, v in env.items() if v is None]:
+            env.pop(name, None)
         self.proc = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1", *extra],
                                      env=env, stdout=subprocess.DEVNULL, stderr=self.log)
         deadline = time.monotonic() + 20
@@ -353,7 +355,7 @@ class OnlineTest(unittest.TestCase):
 
     def kelvo(self, root, *args, expect=0, **extra_env):
         env = dict(os.environ, KELVO_HOME=root, LANGUAGE="en", **extra_env)
-        for name in ("KELVO_RELEASES_URL", "KELVO_HUB_URL"):
+        for name in ("KELVO_RELEASES_URL", "KELVO_HUB_URL", "KELVO_URL"):
             if name not in extra_env:
                 env.pop(name, None)
         run = subprocess.run([KELVO, *args], env=env, capture_output=True, text=True, timeout=60)
@@ -363,30 +365,35 @@ class OnlineTest(unittest.TestCase):
     def test_hub_models_and_update(self):
         hub_root, sharer, getter = self.roots
         hub = Server(hub_root, free_port(), "--hub")
+        url = {"KELVO_HUB_URL": f"http://127.0.0.1:{hub.port}"}
         try:
+            # Shares go through the sharer's own service, found without --url.
             studio = Server(sharer, free_port())
-            status, voice = studio.json("POST", "/v1/voices/clone", {
-                "display": "Anna", "audio": base64.b64encode(tone_wav()).decode(),
-                "reference_text": "welcome aboard", "language": "en", "gender": "female"})
-            studio.stop()
-            self.assertEqual(status, 200, voice)
-            url = {"KELVO_HUB_URL": f"http://127.0.0.1:{hub.port}"}
-            out = self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "Anna for KVO", **url)
-            share = json.loads(hub.request("GET", "/API/hub.php?a=list")[2])["shares"][0]["id"]
-            self.assertIn(share, out)
-            self.assertIn("already shared and unchanged",
-                          self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "again", **url))
-            self.assertIn("Anna for KVO", self.kelvo(getter, "hub", "list", **url))
-            receiver = Server(getter, free_port())
             try:
-                self.assertIn("1 voice(s)", self.kelvo(getter, "hub", "get", share, "--url",
-                                                       f"http://127.0.0.1:{receiver.port}", **url))
-                _, voices = receiver.json("GET", "/v1/voices")
-                self.assertEqual([v["display"] for v in voices["voices"]], ["Anna"])
+                status, voice = studio.json("POST", "/v1/voices/clone", {
+                    "display": "Anna", "audio": base64.b64encode(tone_wav()).decode(),
+                    "reference_text": "welcome aboard", "language": "en", "gender": "female"})
+                self.assertEqual(status, 200, voice)
+                out = self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "Anna for KVO", **url)
+                share = json.loads(hub.request("GET", "/API/hub.php?a=list")[2])["shares"][0]["id"]
+                self.assertIn(share, out)
+                self.assertIn("already shared and unchanged",
+                              self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "again", **url))
+                # The service saves its configuration on this change; the share's delete key is part of it.
+                self.kelvo(sharer, "bind", "KVO", "en", "female", voice["id"])
+                self.assertIn("Anna for KVO", self.kelvo(getter, "hub", "list", **url))
+                receiver = Server(getter, free_port())
+                try:
+                    self.assertIn("1 voice(s)", self.kelvo(getter, "hub", "get", share, **url))
+                    _, voices = receiver.json("GET", "/v1/voices")
+                    self.assertEqual([v["display"] for v in voices["voices"]], ["Anna"])
+                    self.assertIn("only the machine that shared it",
+                                  self.kelvo(getter, "hub", "unshare", share, expect=1, **url))
+                finally:
+                    receiver.stop()
+                self.assertIn(share, self.kelvo(sharer, "hub", "unshare", share, **url))
             finally:
-                receiver.stop()
-            self.assertIn("only the machine that shared it", self.kelvo(getter, "hub", "unshare", share, expect=1, **url))
-            self.kelvo(sharer, "hub", "unshare", share, **url)
+                studio.stop()
             self.assertIn("lists no share", self.kelvo(getter, "hub", "list", **url))
         finally:
             hub.stop()
