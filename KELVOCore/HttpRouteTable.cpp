@@ -318,7 +318,29 @@ void TtsHttpService::addRoutes() {
                        .requestSchema = Json{{"type", "string"}, {"contentMediaType", "application/zip"}},
                        .requestType = "application/zip",
                        .responseSchema = packSummarySchema(),
-                       .errors = {{400, {"bad_audio"}}, {413, {"body_too_large"}}, {500, {"clone_failed"}}}}});
+                       .errors = {{400, {"bad_pack"}}, {413, {"body_too_large"}}, {500, {"clone_failed"}}}},
+               .spoolsBody = true});
+  routes_.add({.method = "POST",
+               .pattern = "/v1/hub/shares",
+               .scope = Scope::admin,
+               .handler = [this](R r, P) { return shareOnHubRoute(r); },
+               .doc = {.summary = "Share voices and airline bindings of this installation on the sharing hub",
+                       .description = "\"hub\" names the hub's base address; without it KELVO_HUB_URL. The share's "
+                                      "delete key stays in this installation's configuration.",
+                       .requestSchema = optionalObject({{"title", "string"},
+                                                        {"airlines", arrayOf("string")},
+                                                        {"voices", arrayOf("string")},
+                                                        {"hub", "string"}}),
+                       .responseSchema = object({{"id", "string"}, {"unchanged", "boolean"}, {"pack", packSummarySchema()}}),
+                       .errors = {{400, {"bad_json", "bad_request"}}, {404, {"bad_voice", "not_found"}}, {500, {"clone_failed"}}}}});
+  routes_.add({.method = "DELETE",
+               .pattern = "/v1/hub/shares/{id}",
+               .scope = Scope::admin,
+               .handler = [this](R r, P p) { return unshareFromHubRoute(r, p.at("id")); },
+               .doc = {.summary = "Take one of this installation's shares down from the sharing hub",
+                       .query = {{"hub", "string", "the hub's base address; default KELVO_HUB_URL"}},
+                       .responseSchema = object({{"id", "string"}, {"removed", "boolean"}}),
+                       .errors = {{400, {"bad_request"}}, {404, {"not_found"}}, {500, {"clone_failed"}}}}});
 
   routes_.add({.method = "GET",
                .pattern = "/v1/keys",

@@ -117,13 +117,22 @@ TtsHttpService::~TtsHttpService() { stop(); }
 
 void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional<std::int64_t> port) {
   stop();
-  const std::string address = bindAddress.value_or(service_->config().bindAddress());
+  // A clone pack may be far larger than any other body, so the rows that take
+  // one have it received into a file beside the cache instead of into memory.
+  HttpServer::Options options;
+  options.spoolsBody = [this](std::string_view method, std::string_view path) {
+    const RouteMatch match = routes_.match(std::string(method), std::string(path));
+    return match.route != nullptr && match.route->spoolsBody;
+  };
+  options.spoolBase = service_->cache().directory() + "pack-upload";
+  std::string address = bindAddress.value_or(service_->config().bindAddress());
   auto server = std::make_unique<HttpServer>(address, port.value_or(service_->config().port()),
-                                             [this](const HttpRequest& r) { return dispatch(r); });
+                                             [this](const HttpRequest& r) { return dispatch(r); }, options);
   server->start();
   server_ = std::move(server);
+  bindAddress_ = std::move(address);
   keys_->writeLocalKey();
-  if (!keys_->enforced() && !isLoopback(address)) {
+  if (!keys_->enforced() && !isLoopback(bindAddress_)) {
     AppLog::warn("http", "no API keys: anyone who can reach port " + std::to_string(boundPort()) +
                              " can change voices and bindings, clear the cache and import packs; add a key with "
                              "`kelvo keys add NAME --scope admin`");
@@ -141,17 +150,22 @@ bool TtsHttpService::isRunning() const { return server_ && server_->isRunning();
 
 std::int64_t TtsHttpService::boundPort() const { return server_ ? server_->boundPort() : 0; }
 
+std::string TtsHttpService::listenAddress() const { return server_ ? bindAddress_ : service_->config().bindAddress(); }
+
 std::string TtsHttpService::endpoint() const {
   const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
-  std::string host = service_->config().bindAddress();
+  std::string host = listenAddress();
+  // The command line finds the service at this URL: a wildcard is reached on loopback.
   if (host.empty() || host == "0.0.0.0") host = "127.0.0.1";
+  if (host == "::") host = "::1";
+  if (host.find(':') != std::string::npos) host = "[" + host + "]";
   return "http://" + host + ":" + std::to_string(port);
 }
 
 std::vector<std::string> TtsHttpService::allEndpoints() const {
   const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
   std::vector<std::string> urls{endpoint()};
-  for (std::string& url : reachableUrls(service_->config().bindAddress(), port)) {
+  for (std::string& url : reachableUrls(listenAddress(), port)) {
     if (std::find(urls.begin(), urls.end(), url) == urls.end()) urls.push_back(std::move(url));
   }
   return urls;

@@ -5,9 +5,11 @@
 // is never throttled), then a fixed-period per-client rate limit applies, then
 // the row's scope is checked against the caller's API key (while keys exist),
 // then the row's handler runs. Every request is counted for "/metrics" under
-// its row's pattern. With a HubStore attached it also serves the sharing hub's
-// "/API/hub.php" (any case), so an airline group can run its own hub on the
-// same port. Every refusal is a JSON {"error": code, "message": localised text}.
+// its row's pattern. It also puts this installation's shares on the sharing
+// hub and takes them down, since their delete keys live in its configuration.
+// With a HubStore attached it also serves the sharing hub's "/API/hub.php"
+// (any case), so an airline group can run its own hub on the same port. Every
+// refusal is a JSON {"error": code, "message": localised text}.
 //
 // Thread-safe: `dispatch` runs on the server's worker pool for many
 // connections at once. Its own state is the rate-limit tables behind one lock
@@ -101,6 +103,8 @@ class TtsHttpService {
   // Counts one request for `peer` in `table`; true when that peer is already
   // at `limit` for its current minute. REQUIRES: lock_ held.
   bool overLimit(std::unordered_map<std::string, Period>& table, const std::string& peer, std::int64_t limit);
+  // The address listened on while running (an override wins), else the configuration's.
+  std::string listenAddress() const;
   bool rateLimited(const std::string& peer);
   // True while `peer` has used up its failed keys for the current minute.
   bool lockedOut(const std::string& peer);
@@ -123,6 +127,8 @@ class TtsHttpService {
   HttpResponse listKeys();
   HttpResponse addKey(const HttpRequest& request);
   HttpResponse removeKey(const std::string& name);
+  HttpResponse shareOnHubRoute(const HttpRequest& request);
+  HttpResponse unshareFromHubRoute(const HttpRequest& request, const std::string& id);
 
   std::shared_ptr<TtsService> service_;
   Clock clock_;
@@ -131,6 +137,7 @@ class TtsHttpService {
   RouteTable routes_;
   Metrics metrics_;
   std::unique_ptr<HttpServer> server_;
+  std::string bindAddress_;  // what server_ listens on
   std::mutex lock_;  // guards hits_ and failures_
   std::unordered_map<std::string, Period> hits_;
   std::unordered_map<std::string, Period> failures_;  // requests refused for their key

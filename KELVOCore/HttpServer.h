@@ -12,10 +12,16 @@
 //
 // Limits, so a LAN client cannot exhaust memory or sockets: headers 64 KiB
 // (400 and close), body 64 MiB (413 before the body is read, then close), 30 s
-// to receive a request once its first byte arrived, 120 s idle on keep-alive
-// and 120 s to send a response, 1024 open connections (more are accepted and
-// closed at once). No timer runs while a handler works. Each kind of breach
-// is logged (source "http") the first time it happens.
+// to receive a request once its first byte arrived, 5 s for the first byte of
+// a new connection, 120 s idle on keep-alive and 120 s to send a response.
+// At most 1024 open connections: at the cap the one that has waited longest
+// for a request (a fresh or a keep-alive connection) is closed to make room,
+// so idle sockets can never lock out a monitor; only when every connection is
+// busy is the new one closed at once. No timer runs while a handler works.
+// Requests the options name may carry bodies up to 512 MiB, received into a
+// temporary file instead of memory; as a large upload may take minutes, their
+// receive clock restarts with every MiB received. Each kind of breach is logged
+// (source "http") the first time it happens.
 //
 // Thread-safe: start() and stop() may be called from any thread but a handler;
 // the handler is called concurrently from the worker pool and must be
@@ -45,6 +51,9 @@ struct HttpRequest {
   std::map<std::string, std::string> headers;  // names as received; a repeated one keeps its last value
   Bytes body;
   std::string peer;  // the client's IP address, without the port
+  // When the body went to a temporary file instead (`body` is empty): its
+  // path. The file is deleted once the handler returns.
+  std::string bodyFile;
 
   // The header's value looked up ignoring case; "" when absent.
   std::string header(std::string_view name) const;
@@ -88,14 +97,22 @@ class HttpServer {
 
   static constexpr std::size_t maxHeaderBytes = 64 * 1024;
   static constexpr std::uint64_t maxBodyBytes = 64ull * 1024 * 1024;
+  static constexpr std::uint64_t maxSpooledBodyBytes = 512ull * 1024 * 1024;
   static constexpr int receiveTimeoutSeconds = 30;
+  static constexpr int firstByteTimeoutSeconds = 5;
   static constexpr int idleTimeoutSeconds = 120;
   static constexpr std::size_t maxConnections = 1024;
 
-  // Timings a test may shorten; the defaults are the limits above.
   struct Options {
+    // Timings a test may shorten; the defaults are the limits above.
     std::chrono::milliseconds receiveTimeout = std::chrono::seconds(receiveTimeoutSeconds);
     std::chrono::milliseconds idleTimeout = std::chrono::seconds(idleTimeoutSeconds);
+    std::chrono::milliseconds firstByteTimeout = std::chrono::seconds(firstByteTimeoutSeconds);
+    // The requests whose body may reach maxSpooledBodyBytes, told by method
+    // and path (the target before "?", as received), and the file name their
+    // temporary files start with. Called on an I/O thread; must be cheap.
+    std::function<bool(std::string_view method, std::string_view path)> spoolsBody;
+    std::string spoolBase;
   };
 
   // Port 0 picks a free port (see boundPort()). Nothing listens before start().

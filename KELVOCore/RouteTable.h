@@ -65,6 +65,7 @@ struct Route {
   RouteHandler handler{};  // empty: the method answers 404 like an unknown path and is not documented
   RouteDoc doc{};
   bool unthrottled = false;  // never rate limited on any method (health, for monitors)
+  bool spoolsBody = false;   // the body may be as large as a pack and arrives as request.bodyFile
   // Reshapes every error answer (status 400 or more) on this row's path, the
   // 401, 403, 405 and 429 of dispatch included, for clients that expect
   // another error shape; it must leave an answer already in that shape alone.

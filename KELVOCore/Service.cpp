@@ -173,13 +173,41 @@ VoiceInfo TtsService::requireVoice(const TtsRequest& request) {
   // An airline request never makes a voice of its own: its binding is the operator's call.
   if (!voice && request.airline.empty() && config().autoCreateDefaultVoice()) {
     try {
-      voice = bootstrapDefaultVoice(request.language, request.gender);
+      voice = defaultVoiceOnce(request);
     } catch (const std::exception& e) {
       AppLog::warn(kSource, std::string("could not create the default voice: ") + e.what());
     }
   }
   if (!voice) throw TtsError(TtsErrorCode::badVoice, noVoiceMessage(request));
   return std::move(*voice);
+}
+
+VoiceInfo TtsService::defaultVoiceOnce(const TtsRequest& request) {
+  const std::string key = defaultKey(request.language, request.gender);
+  std::promise<VoiceInfo> made;
+  std::shared_future<VoiceInfo> result;
+  bool creator = false;
+  {
+    std::lock_guard guard(creatingLock_);
+    auto [it, first] = creating_.try_emplace(key);
+    if (first) it->second = made.get_future().share();
+    result = it->second;
+    creator = first;
+  }
+  if (!creator) return result.get();  // the other caller's voice, or its error
+
+  try {
+    // A creation that ended between our caller's lookup and here has bound its voice already.
+    std::optional<VoiceInfo> bound = voices().resolve(request).voice;
+    made.set_value(bound ? std::move(*bound) : bootstrapDefaultVoice(request.language, request.gender));
+  } catch (...) {
+    made.set_exception(std::current_exception());
+  }
+  {
+    std::lock_guard guard(creatingLock_);
+    creating_.erase(key);
+  }
+  return result.get();
 }
 
 TtsService::Plan TtsService::plan(const TtsRequest& request, const VoiceInfo& voice) {

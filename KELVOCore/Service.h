@@ -18,6 +18,8 @@
 #pragma once
 
 #include <cstdint>
+#include <future>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -106,6 +108,7 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // Asks the model for a reference line (seeded from stableHash of
   // "language:gender code", 31 bits), stores it as a voice, binds it as the
   // default of (language, gender) and saves the configuration. Throws TtsError.
+  // Unconditional: synthesize() goes through a single-flight guard instead.
   VoiceInfo bootstrapDefaultVoice(const std::string& language, TtsGender gender);
   // Why no voice was found and how to bind one, localised.
   std::string noVoiceMessage(const TtsRequest& request) const;
@@ -144,6 +147,10 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // The request's voice, created as the default of its language and gender
   // when nothing is bound and the configuration allows it. Throws TtsError.
   VoiceInfo requireVoice(const TtsRequest& request);
+  // The default voice the request resolves to, created once per (language,
+  // gender): a caller that comes while another creates it waits for that
+  // voice (or that error) instead of making a second one. Throws TtsError.
+  VoiceInfo defaultVoiceOnce(const TtsRequest& request);
   // REQUIRES: `request` is normalised and carries the voice's style.
   Plan plan(const TtsRequest& request, const VoiceInfo& voice);
   std::pair<std::string, std::string> keysFor(const TtsRequest& request, const VoiceInfo& voice,
@@ -156,6 +163,9 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   std::unique_ptr<SynthQueue> queue_;
   std::unique_ptr<PrewarmWorker> prewarm_;
   std::once_flag shutdownOnce_;
+
+  std::mutex creatingLock_;  // guards creating_; never held across a creation
+  std::map<std::string, std::shared_future<VoiceInfo>> creating_;  // by default-voice key
 
   mutable std::mutex lock_;  // guards the fields below
   bool usingPlaceholder_ = false;

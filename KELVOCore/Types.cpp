@@ -113,7 +113,7 @@ struct ErrorRow {
   int status;
 };
 // Indexed by code - 1; `none` is outside the table on purpose.
-constexpr std::array<ErrorRow, 11> errorRows{{
+constexpr std::array<ErrorRow, 12> errorRows{{
     {"empty_text", 400},
     {"text_too_long", 413},
     {"bad_voice", 404},
@@ -125,6 +125,7 @@ constexpr std::array<ErrorRow, 11> errorRows{{
     {"timeout", 504},
     {"clone_failed", 500},
     {"not_found", 404},
+    {"bad_pack", 400},
 }};
 }  // namespace
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "KELVOCore/ApiKeys.h"
+#include "KELVOCore/DataRootLock.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Paths.h"
 #include "KELVOServer/Client.h"
@@ -29,6 +30,10 @@ void withKeys(const CommonOptions& common, Online online, Offline offline) {
     online(client);
   } catch (const CommandError& e) {
     if (e.status != exitNoService) throw;
+    // Nothing answered at that address; a service that owns this data root
+    // elsewhere must still be the only writer of its key file.
+    const std::unique_ptr<DataRootLock> lock =
+        lockDataRoot(T("它在运行时密钥只能经由它修改 — 用 --url 指向它的地址"));
     ApiKeys keys(KELVOPaths::dataDir());
     offline(keys);
   }

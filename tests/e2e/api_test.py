@@ -109,6 +109,11 @@ class ApiTest(unittest.TestCase):
             self.assertEqual(js("POST", "/API/hub.php?a=delete", delete,
                                 {"Content-Type": "application/x-www-form-urlencoded"})[0], 200)
 
+            hub = f"http://127.0.0.1:{srv.port}"  # the service is its own hub here
+            status, mine = js("POST", "/v1/hub/shares", {"title": "Anna", "voices": [voice["id"]], "hub": hub})
+            self.assertEqual((status, mine["pack"]["voices"]), (200, 1), mine)
+            self.assertEqual(js("DELETE", f"/v1/hub/shares/{mine['id']}?hub={hub}")[1]["removed"], True)
+            self.assertEqual(js("DELETE", f"/v1/hub/shares/{mine['id']}?hub={hub}")[1]["error"], "not_found")
             self.assertEqual(js("DELETE", f"/v1/voices/{voice['id']}")[1]["removed"], voice["id"])
             self.assertEqual(js("DELETE", "/v1/cache")[1], {"cleared": True})
             for method, path, status in (("GET", "/v1/nothing", 404), ("PUT", "/v1/stats", 405), ("GET", "/v1/cache", 404),

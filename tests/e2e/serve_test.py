@@ -42,15 +42,17 @@ def tone_wav(seconds=5, rate=16000):
 
 
 class Server:
-    """One `kelvo serve` process; stderr is collected in a file."""
+    """One `kelvo serve` process; stderr is collected in a file. `env` adds to the
+    environment, and a None value removes that variable."""
 
-    def __init__(self, home, port, *extra, key=None):
+    def __init__(self, home, port, *extra, env=None, key=None):
         self.port = port
         self.key = key  # sent as the bearer key unless a request brings its own
         self.contract = None
         self.log = open(os.path.join(home, "stderr.txt"), "w+")
-        env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en")
-        env.pop("KELVO_VERBOSE", None)
+        env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en", **(env or {}))
+        for name in ["KELVO_VERBOSE"] + [k for k, v in env.items() if v is None]:
+            env.pop(name, None)
         self.proc = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1", *extra],
                                      env=env, stdout=subprocess.DEVNULL, stderr=self.log)
         deadline = time.monotonic() + 20
@@ -189,6 +191,82 @@ class ServeTest(unittest.TestCase):
             self.assertEqual(subprocess.run([KELVO] + bad, capture_output=True).returncode, 2, bad)
 
 
+def eventually(probe, what, seconds=20):
+    """probe()'s first true value within `seconds`."""
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        value = probe()
+        if value:
+            return value
+        time.sleep(0.05)
+    raise AssertionError("never happened: " + what)
+
+
+class EngineTest(unittest.TestCase):
+    """`kelvo serve` with tools/s2_double.py installed as its inference engine."""
+
+    def setUp(self):
+        self.home = tempfile.mkdtemp(prefix="kelvo-engine-")
+        os.makedirs(os.path.join(self.home, "engine"))
+        os.makedirs(os.path.join(self.home, "models"))
+        double = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "s2_double.py")
+        with open(double, "rb") as f, open(os.path.join(self.home, "engine", "s2"), "wb") as out:
+            out.write(f.read())
+        os.chmod(os.path.join(self.home, "engine", "s2"), 0o755)
+        with open(os.path.join(self.home, "models", "x.gguf"), "w") as f:
+            f.write("gguf")
+
+    def tearDown(self):
+        subprocess.run(["rm", "-rf", self.home], check=False)
+
+    def engine_port(self):
+        """The port the engine gave its child, from the child's own first log line."""
+        log = os.path.join(self.home, "logs", "s2-engine.log")
+
+        def port():
+            with open(log) as f:
+                words = f.readline().split()
+            return "--port" in words and int(words[words.index("--port") + 1])
+        return eventually(port, "the double logs its command line")
+
+    def detail(self, srv, text):
+        """/v1/health once its engine detail holds `text`."""
+        def health():
+            answer = srv.json("GET", "/v1/health")[1]
+            return text in answer["engine_detail"] and answer
+        return eventually(health, "engine detail with " + text)
+
+    def test_foreign_listener_on_the_engine_port(self):
+        # The child loads for 4 s before it listens; meanwhile another program takes its port.
+        slow = {"S2_DOUBLE_LOAD_MS": "4000"}
+        srv = Server(self.home, free_port(), env=slow)
+        try:
+            port = self.engine_port()
+            with socket.create_server(("127.0.0.1", port)):
+                health = self.detail(srv, f"another program holds port {port} (not the inference process)")
+                self.assertEqual((health["engine_ready"], health["status"]), (False, "degraded"))
+                # The child cannot listen there and gives up; the diagnosis names the port.
+                health = self.detail(srv, f"another program holds port {port}, so the inference process could not")
+                self.assertIn("the inference process exited", health["engine_detail"])
+                self.assertFalse(health["engine_ready"])
+        finally:
+            self.assertEqual(srv.stop()[0], 0)
+
+        # Started again: the other program leaves before the child listens, and the child is used.
+        srv = Server(self.home, free_port(), env=slow)
+        try:
+            port = self.engine_port()
+            with socket.create_server(("127.0.0.1", port)):
+                self.detail(srv, f"another program holds port {port}")
+            health = self.detail(srv, f"x.gguf, port {port}, loaded in")
+            self.assertEqual((health["engine_ready"], health["placeholder"]), (True, False))
+            status, headers, wav = srv.request("POST", "/v1/tts", {"text": "Gate change", "language": "en"})
+            self.assertEqual((status, headers["X-KELVO-Engine"]), (200, "fish-s2-pro (s2.cpp)"), wav)
+            self.assertEqual(wav[20:22], b"\x01\x00")  # the engine's float samples went out as 16-bit PCM
+        finally:
+            self.assertEqual(srv.stop()[0], 0)
+
+
 class CommandLineTest(unittest.TestCase):
     """The operator commands against a live service, in the order an operator
     follows the README: clone, bind, pre-bake, say, status, log, packs."""
@@ -295,7 +373,7 @@ class OnlineTest(unittest.TestCase):
 
     def kelvo(self, root, *args, expect=0, **extra_env):
         env = dict(os.environ, KELVO_HOME=root, LANGUAGE="en", **extra_env)
-        for name in ("KELVO_RELEASES_URL", "KELVO_HUB_URL"):
+        for name in ("KELVO_RELEASES_URL", "KELVO_HUB_URL", "KELVO_URL"):
             if name not in extra_env:
                 env.pop(name, None)
         run = subprocess.run([KELVO, *args], env=env, capture_output=True, text=True, timeout=60)
@@ -305,30 +383,35 @@ class OnlineTest(unittest.TestCase):
     def test_hub_models_and_update(self):
         hub_root, sharer, getter = self.roots
         hub = Server(hub_root, free_port(), "--hub")
+        url = {"KELVO_HUB_URL": f"http://127.0.0.1:{hub.port}"}
         try:
+            # Shares go through the sharer's own service, found without --url.
             studio = Server(sharer, free_port())
-            status, voice = studio.json("POST", "/v1/voices/clone", {
-                "display": "Anna", "audio": base64.b64encode(tone_wav()).decode(),
-                "reference_text": "welcome aboard", "language": "en", "gender": "female"})
-            studio.stop()
-            self.assertEqual(status, 200, voice)
-            url = {"KELVO_HUB_URL": f"http://127.0.0.1:{hub.port}"}
-            out = self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "Anna for KVO", **url)
-            share = json.loads(hub.request("GET", "/API/hub.php?a=list")[2])["shares"][0]["id"]
-            self.assertIn(share, out)
-            self.assertIn("already shared and unchanged",
-                          self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "again", **url))
-            self.assertIn("Anna for KVO", self.kelvo(getter, "hub", "list", **url))
-            receiver = Server(getter, free_port())
             try:
-                self.assertIn("1 voice(s)", self.kelvo(getter, "hub", "get", share, "--url",
-                                                       f"http://127.0.0.1:{receiver.port}", **url))
-                _, voices = receiver.json("GET", "/v1/voices")
-                self.assertEqual([v["display"] for v in voices["voices"]], ["Anna"])
+                status, voice = studio.json("POST", "/v1/voices/clone", {
+                    "display": "Anna", "audio": base64.b64encode(tone_wav()).decode(),
+                    "reference_text": "welcome aboard", "language": "en", "gender": "female"})
+                self.assertEqual(status, 200, voice)
+                out = self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "Anna for KVO", **url)
+                share = json.loads(hub.request("GET", "/API/hub.php?a=list")[2])["shares"][0]["id"]
+                self.assertIn(share, out)
+                self.assertIn("already shared and unchanged",
+                              self.kelvo(sharer, "hub", "share", "--voice", voice["id"], "--title", "again", **url))
+                # The service saves its configuration on this change; the share's delete key is part of it.
+                self.kelvo(sharer, "bind", "KVO", "en", "female", voice["id"])
+                self.assertIn("Anna for KVO", self.kelvo(getter, "hub", "list", **url))
+                receiver = Server(getter, free_port())
+                try:
+                    self.assertIn("1 voice(s)", self.kelvo(getter, "hub", "get", share, **url))
+                    _, voices = receiver.json("GET", "/v1/voices")
+                    self.assertEqual([v["display"] for v in voices["voices"]], ["Anna"])
+                    self.assertIn("only the machine that shared it",
+                                  self.kelvo(getter, "hub", "unshare", share, expect=1, **url))
+                finally:
+                    receiver.stop()
+                self.assertIn(share, self.kelvo(sharer, "hub", "unshare", share, **url))
             finally:
-                receiver.stop()
-            self.assertIn("only the machine that shared it", self.kelvo(getter, "hub", "unshare", share, expect=1, **url))
-            self.kelvo(sharer, "hub", "unshare", share, **url)
+                studio.stop()
             self.assertIn("lists no share", self.kelvo(getter, "hub", "list", **url))
         finally:
             hub.stop()
