@@ -141,7 +141,7 @@ void addHttp(std::unordered_map<std::string, JaEn>& t) {
                                  "the request body is over the %d MB limit"};
   t["无法解析这个 HTTP 请求"] = {"この HTTP リクエストを解析できません", "this HTTP request cannot be parsed"};
   t["服务内部出错:%s"] = {"サービス内部エラー: %s", "internal service error: %s"};
-  t["要发送的文件打不开"] = {"送信するファイルを開けません", "the file to be sent cannot be opened"};
+  t["缓存文件读不出来"] = {"キャッシュの音声ファイルを読み出せません", "the cached clip cannot be read"};
 }
 
 void addEngine(std::unordered_map<std::string, JaEn>& t) {
