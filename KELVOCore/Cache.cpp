@@ -206,8 +206,14 @@ std::string makeCacheKey(const TtsRequest& request, const VoiceInfo& voice, std:
                                std::to_string(request.seed),
                                request.style,
                                request.effectiveText()};
-  std::string joined = parts[0];
-  for (std::size_t i = 1; i < std::size(parts); ++i) joined += "|" + parts[i];
+  std::size_t length = std::size(parts);
+  for (const std::string& part : parts) length += part.size();
+  std::string joined;
+  joined.reserve(length);
+  for (const std::string& part : parts) {
+    if (&part != parts) joined += '|';
+    joined += part;
+  }
   return sha256Utf8(joined);
 }
 
