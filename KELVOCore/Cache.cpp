@@ -385,27 +385,22 @@ std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bo
   if (!enabled_) return std::nullopt;
   CacheHit hit;
   std::string damaged;
+  std::shared_ptr<const Pending> waiting;
   {
     std::lock_guard guard(lock_);
-    if (const auto waiting = pending_.find(key); waiting != pending_.end()) {
-      if (countUse) ++hits_;
-      hit.result = waiting->second->result;
-      hit.result.etag = key;
-      hit.result.fromCache = true;
-      return hit;
-    }
-    const auto it = items_.find(key);
-    if (it == items_.end()) {
+    const auto pending = pending_.empty() ? pending_.end() : pending_.find(key);
+    const auto it = pending != pending_.end() ? items_.end() : items_.find(key);
+    if (pending != pending_.end()) {
+      waiting = pending->second;
+    } else if (it == items_.end()) {
       if (countUse) ++misses_;
       return std::nullopt;
-    }
-    CacheEntry& entry = it->second;
-    // Opened under the lock: eviction unlinks under it too, so the handle is
-    // always the clip this entry describes, and stays readable after an unlink.
-    if (openFile) {
-      std::optional<OpenFile> file = OpenFile::open(dir_ + entry.fileName);
-      if (!file || static_cast<std::int64_t>(file->size()) != entry.bytes) {
-        damaged = entry.fileName;
+    } else if (openFile) {
+      // Opened under the lock: eviction unlinks under it too, so the handle is
+      // always the clip this entry describes, and stays readable after an unlink.
+      std::optional<OpenFile> file = OpenFile::open(dir_ + it->second.fileName);
+      if (!file || static_cast<std::int64_t>(file->size()) != it->second.bytes) {
+        damaged = it->second.fileName;
         eraseLocked(it);
         if (countUse) ++misses_;
       } else {
@@ -413,22 +408,27 @@ std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bo
       }
     }
     if (damaged.empty()) {
-      if (countUse) {
-        entry.stamp = ++clock_;
-        ++hits_;
+      if (countUse) ++hits_;
+      if (!waiting) {
+        CacheEntry& entry = it->second;
+        if (countUse) entry.stamp = ++clock_;
+        hit.result.sampleRate = entry.sampleRate;
+        hit.result.durationMs = entry.durationMs;
+        hit.result.voiceId = entry.voiceId;
+        hit.result.language = entry.language;
+        hit.result.speed = entry.speed;
       }
-      hit.result.sampleRate = entry.sampleRate;
-      hit.result.durationMs = entry.durationMs;
-      hit.result.voiceId = entry.voiceId;
-      hit.result.language = entry.language;
-      hit.result.speed = entry.speed;
-      hit.result.etag = key;
-      hit.result.fromCache = true;
     }
   }
-  if (damaged.empty()) return hit;
-  AppLog::warn(kSource, "cannot read cache file (" + damaged + "), dropping the entry");
-  return std::nullopt;
+  if (!damaged.empty()) {
+    AppLog::warn(kSource, "cannot read cache file (" + damaged + "), dropping the entry");
+    return std::nullopt;
+  }
+  // A line still on its way to the disk is copied without the lock: it is half a megabyte.
+  if (waiting) hit.result = waiting->result;
+  hit.result.etag = key;
+  hit.result.fromCache = true;
+  return hit;
 }
 
 bool WavCache::contains(const std::string& key) const {
