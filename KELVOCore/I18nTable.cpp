@@ -143,6 +143,7 @@ void addHttp(std::unordered_map<std::string, JaEn>& t) {
   t["服务内部出错:%s"] = {"サービス内部エラー: %s", "internal service error: %s"};
   t["要发送的文件打不开"] = {"送信するファイルを開けません", "the file to be sent cannot be opened"};
   t["请求体无法暂存:%s"] = {"リクエスト本文を一時保存できません: %s", "the request body cannot be stored: %s"};
+  t["缓存文件读不出来"] = {"キャッシュの音声ファイルを読み出せません", "the cached clip cannot be read"};
 }
 
 void addEngine(std::unordered_map<std::string, JaEn>& t) {

@@ -146,6 +146,56 @@ class ServeTest(unittest.TestCase):
         finally:
             self.assertEqual(srv.stop()[0], 0)
 
+    def test_clips_gone_cut_or_evicted_mid_send_never_give_a_short_200(self):
+        srv = Server(self.home, free_port())
+        try:
+            # 7 MB: more than loopback's socket buffers take at once.
+            line = {"text": "Final call for flight KV 88 to Oslo, gate C 3. " * 20, "language": "en"}
+            status, headers, wav = srv.request("POST", "/v1/tts", line)
+            self.assertEqual(status, 200)
+            clip = os.path.join(self.home, "temp", headers["ETag"] + ".wav")
+
+            def stored():  # written after the reply, off the request path; renamed into place whole
+                deadline = time.monotonic() + 10
+                while not os.path.exists(clip) and time.monotonic() < deadline:
+                    time.sleep(0.01)
+                return os.path.getsize(clip)
+
+            for damage in ("cut short", "deleted"):
+                self.assertEqual(stored(), len(wav))
+                if damage == "cut short":
+                    os.truncate(clip, len(wav) // 2)
+                else:
+                    os.remove(clip)
+                status, headers, again = srv.request("POST", "/v1/tts", line)
+                self.assertEqual((status, headers["X-KELVO-Cache"], again == wav), (200, "miss", True), damage)
+                self.assertEqual(int(headers["Content-Length"]), len(wav))
+
+            # A reader that takes its time: the clip is evicted (the whole cache
+            # cleared) while the hit is being sent, and still arrives whole.
+            self.assertEqual(stored(), len(wav))
+            body = json.dumps(line).encode()
+            with socket.socket() as slow:
+                slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+                slow.connect(("127.0.0.1", srv.port))
+                slow.sendall(b"POST /v1/tts HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+                             b"Content-Length: %d\r\n\r\n" % len(body) + body)
+                time.sleep(0.3)
+                fds = f"/proc/{srv.proc.pid}/fd"
+                self.assertIn(clip, [os.readlink(os.path.join(fds, fd)) for fd in os.listdir(fds)])  # mid-send
+                self.assertEqual(srv.json("DELETE", "/v1/cache"), (200, {"cleared": True}))
+                self.assertFalse(os.path.exists(clip))
+                received = bytearray()
+                while chunk := slow.recv(65536):
+                    received += chunk
+            head, _, sent = bytes(received).partition(b"\r\n\r\n")
+            self.assertTrue(head.startswith(b"HTTP/1.1 200 OK"), head)
+            self.assertIn(b"X-KELVO-Cache: hit", head)
+            self.assertIn(b"Content-Length: %d" % len(wav), head)
+            self.assertTrue(sent == wav)
+        finally:
+            self.assertEqual(srv.stop()[0], 0)
+
     def test_port_in_use_is_explained(self):
         with socket.socket() as taken:
             taken.bind(("127.0.0.1", 0))
