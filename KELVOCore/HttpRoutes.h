@@ -85,6 +85,7 @@ class TtsHttpService {
   HttpResponse health();
   HttpResponse synthesis(const HttpRequest& request);
   HttpResponse prewarm(const HttpRequest& request);
+  HttpResponse cancelPrewarm();
   HttpResponse stats();
   HttpResponse selfCheck(const HttpRequest& request);
   HttpResponse logLines(const HttpRequest& request);
