@@ -184,8 +184,8 @@ TEST_F(ServiceTest, NoVoiceMessagesAndAirlinesNeverBootstrap) {
   ual.airline = "ual";
   EXPECT_EQ(failure(ual).message,
             "no voice available: nothing is bound for airline UAL · Français · Female; UAL has no language=Auto "
-            "fallback either. Bind one on the Broadcast page - to let this airline speak in any language, set its "
-            "language to Auto.");
+            "fallback either. Bind one with `kelvo bind` - to let this airline speak in any language, bind it with the "
+            "language auto.");
   EXPECT_TRUE(engine->texts().empty() && voices->count() == 1);
 
   config->setAirlineVoice("UAL", "", TtsGender::automatic, "v-gone");
