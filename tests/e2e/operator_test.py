@@ -22,6 +22,7 @@ from serve_test import KELVO, Server, free_port, tone_wav  # noqa: E402
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 DOUBLE = os.path.join(ROOT, "tools", "s2_double.py")
 COMPLETION = os.path.join(ROOT, "KELVOServer", "completion", "kelvo.bash")
+MANUAL = os.path.join(ROOT, "KELVOServer", "man", "kelvo.1.scd")
 
 
 class OperatorTest(unittest.TestCase):
@@ -198,7 +199,7 @@ class OperatorTest(unittest.TestCase):
         self.assertEqual((status, "cache cleared" in out), (0, True), out)
         self.assertEqual(self.stats()["cache_count"], 0)
 
-    def test_bash_completion(self):
+    def test_bash_completion_and_manual(self):
         self.srv.json("POST", "/v1/voices/clone", {"display": "Completed", "audio": base64.b64encode(tone_wav()).decode(),
                                                    "reference_text": "welcome aboard"})
         ids = {v["id"] for v in self.srv.json("GET", "/v1/voices")[1]["voices"]}
@@ -227,6 +228,9 @@ class OperatorTest(unittest.TestCase):
         listed = {line.split()[0] for line in help_text.split("Subcommands:")[1].split("\n\n")[0].splitlines()
                   if line.strip()}
         self.assertEqual(commands, listed)
+        with open(MANUAL) as f:
+            documented = {line.split("*")[1].split()[0] for line in f if line.startswith("*") and line[1:2].isalpha()}
+        self.assertLessEqual(listed, documented)  # kelvo(1) describes every command
         for command in ("serve", "say", "log", "prebake", "voices clone", "cache clear", "pack export", "hub share",
                         "models download"):
             help_text = subprocess.run([KELVO, *command.split(), "--help"], capture_output=True, text=True).stdout
