@@ -342,7 +342,7 @@ void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
   t["队列"] = {"キュー", "Queue"};
   t["%lld 条等待,%s"] = {"%lld 件待ち、%s", "%lld waiting, %s"};
   t["预烘焙中 %lld"] = {"事前生成中 %lld", "pre-baking %lld"};
-  t[";预烘焙失败 %lld(最近一次:%s)"] = {"、事前生成の失敗 %lld(直近: %s)", "; %lld pre-bake failures (last: %s)"};
+  t[";预烘焙失败 %lld(最近一次:%s)"] = {"、事前生成の失敗 %lld(直近: %s)", "; pre-bake failures: %lld (last: %s)"};
   t["删除全部 %lld 条缓存(%s)?[y/N]"] = {"キャッシュ %lld 件(%s)をすべて削除しますか? [y/N]",
                                          "delete all %lld cached lines (%s)? [y/N]"};
   t["缓存没有动"] = {"キャッシュはそのままです", "the cache was left as it is"};

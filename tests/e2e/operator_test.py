@@ -129,7 +129,7 @@ class OperatorTest(unittest.TestCase):
         stats = self.stats()
         self.assertEqual(stats["prewarm_failed"], failed_before + 1)
         self.assertEqual(stats["prewarm_last_error"], "text is 20399 characters, over the 5000 limit")
-        self.assertIn("pre-bake failures (last: text is 20399", self.kelvo("status"))
+        self.assertIn("pre-bake failures: 1 (last: text is 20399", self.kelvo("status"))
 
         # Say on a cache hit names the cache, not an empty engine; a language outside the table warns.
         self.assertIn("cache hit · voice", self.kelvo("say", "Gate change to B 7", "--language", "en"))
