@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <thread>
+#include <tuple>
 
 #include "KELVOCore/Log.h"
 #include "tests/TestSupport.h"
@@ -108,6 +109,21 @@ TEST_F(ConfigFile, OldTimeoutsAreMigratedAndTheFileRewritten) {
   ASSERT_TRUE(rewritten);
   EXPECT_EQ((*rewritten)["synthesis"]["timeoutMs"], 600000);
   EXPECT_EQ((*rewritten)["engine"]["timeoutMs"], 900000);
+
+  // Only the pair of old defaults is migrated: one of them at 180 s alone is a
+  // choice the operator made, and only the margin rule may touch it.
+  const std::tuple<std::string, std::int64_t, std::int64_t> chosen[] = {
+      {R"({"synthesis":{"timeoutMs":180000},"engine":{"timeoutMs":900000}})", 180000, 900000},
+      {R"({"synthesis":{"timeoutMs":600000},"engine":{"timeoutMs":180000}})", 600000, 660000},
+  };
+  for (const auto& [json, request, engine] : chosen) {
+    AppLog::clear();
+    AppConfig kept(path);
+    loadJson(kept, json);
+    EXPECT_EQ(std::make_pair(kept.requestTimeoutMs(), kept.engine().timeoutMs), std::make_pair(request, engine))
+        << json;
+    EXPECT_FALSE(logged(LogLevel::info, "raised the old")) << json;
+  }
 
   AppLog::clear();
   AppConfig capped(path);

@@ -258,6 +258,14 @@ TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
   EXPECT_EQ(loggedLine("voices", LogLevel::info, "merged the"),
             "merged the Anna reference clips into one - 3 clip(s), 30.0 s");
 
+  // Clips that stop just short of 30 s leave no room for the pause before the
+  // next one: the pause is cut too, and the merge still ends at 30 s exactly.
+  const VoiceInfo brim = library.addClone(
+      spec({{clip(14800, 0.25f), "one"}, {clip(14800, 0.5f), "two"}, {clip(5000, 0.75f), "three"}}));
+  const auto brimPcm = parseWav(library.referenceAudio(brim).value_or(Bytes{}));
+  ASSERT_TRUE(brimPcm);
+  EXPECT_EQ(brimPcm->data.size(), static_cast<std::size_t>(30 * kRate));  // 14.8 + 0.3 + 14.8 + 0.1 of pause
+
   VoiceInfo none;
   EXPECT_FALSE(library.referenceAudio(none));
 }
