@@ -119,7 +119,7 @@ void prebake(const PrebakeOptions& o, const CommonOptions& common) {
     for (const Json& f : jArr(stats, "prewarm_failures").value_or(Json::array())) {
       if (jInt(f, "number", 0) <= lastShown) continue;
       lastShown = jInt(f, "number", 0);
-      progress.note(TF("✗ %s:%s", jStr(f, "text"), jStr(f, "reason")));
+      progress.note(common.json ? jsonString(f, false) : TF("✗ %s:%s", jStr(f, "text"), jStr(f, "reason")));
     }
     const std::int64_t pending = jInt(stats, "prewarm_pending", 0);
     const std::int64_t done = std::clamp<std::int64_t>(total - pending, 0, total);
