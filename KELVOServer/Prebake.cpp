@@ -53,7 +53,7 @@ class InterruptWatch {
 };
 
 // Sleeps up to `total`, waking early once interrupted.
-void pause(std::chrono::milliseconds total) {
+void sleepUnlessInterrupted(std::chrono::milliseconds total) {
   for (auto slept = std::chrono::milliseconds(0); slept < total && !interrupted; slept += std::chrono::milliseconds(50)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
@@ -131,7 +131,7 @@ void prebake(const PrebakeOptions& o, const CommonOptions& common) {
       progress.finish();
       throw CommandError{exitRefused, TF("已取消预烘焙:丢弃了 %lld 条还在等待的", static_cast<long long>(dropped))};
     }
-    pause(std::chrono::milliseconds(500));
+    sleepUnlessInterrupted(std::chrono::milliseconds(500));
   }
   progress.finish();
   const std::int64_t failed = jInt(stats, "prewarm_failed", 0) - failedBefore;
