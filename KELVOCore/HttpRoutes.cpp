@@ -216,7 +216,7 @@ bool TtsHttpService::rateLimited(const std::string& peer) {
 HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string& path) {
   const std::string& method = request.method;
   if (path == "/v1/tts") return synthesis(request);
-  if (path == "/v1/prewarm") return prewarm(request);
+  if (path == "/v1/prewarm") return method == "DELETE" ? cancelPrewarm() : prewarm(request);
   if (path == "/v1/selftest" || path == "/selftest") {
     return method == "GET" ? selfCheck(request) : methodNotAllowed(method);
   }
@@ -254,6 +254,11 @@ HttpResponse TtsHttpService::health() {
 
 HttpResponse TtsHttpService::stats() {
   const ServiceStats s = service_->stats();
+  Json failures = Json::array();
+  for (const PrewarmWorker::Failure& f : s.prewarmFailures.recent) {
+    failures.push_back(Json{{"number", f.number}, {"text", f.text}, {"reason", f.reason}});
+  }
+  const std::string lastError = s.prewarmFailures.recent.empty() ? "" : s.prewarmFailures.recent.back().reason;
   const double rtf = s.totalAudioMs < 1 ? 0.0 : static_cast<double>(s.totalSynthMs) / static_cast<double>(s.totalAudioMs);
   return HttpResponse::json(200, Json{{"total", s.total},
                                       {"failed", s.failed},
@@ -263,6 +268,9 @@ HttpResponse TtsHttpService::stats() {
                                       {"cache_count", s.cacheCount},
                                       {"queue_depth", s.queueDepth},
                                       {"prewarm_pending", s.prewarmPending},
+                                      {"prewarm_failed", s.prewarmFailures.count},
+                                      {"prewarm_last_error", lastError},
+                                      {"prewarm_failures", std::move(failures)},
                                       {"busy", s.busy},
                                       {"p50_ms", s.p50Ms},
                                       {"p95_ms", s.p95Ms},
@@ -411,7 +419,13 @@ HttpResponse TtsHttpService::prewarm(const HttpRequest& request) {
   return HttpResponse::json(200, Json{{"queued", handed},
                                       {"cached", cached},
                                       {"skipped_empty", skipped},
-                                      {"pending", service_->prewarmPending()}});
+                                      {"pending", service_->prewarmPending()},
+                                      {"failed", service_->prewarmFailures().count}});
+}
+
+HttpResponse TtsHttpService::cancelPrewarm() {
+  const std::int64_t dropped = service_->cancelPrewarm();
+  return HttpResponse::json(200, Json{{"dropped", dropped}, {"pending", service_->prewarmPending()}});
 }
 
 // ---- Self-check -------------------------------------------------------------------------

@@ -94,6 +94,7 @@ class TtsHttpService {
   // With `cachedOnly`, nullopt unless the answer is a plain cache hit (nothing logged then).
   std::optional<HttpResponse> synthesis(const HttpRequest& request, bool cachedOnly);
   HttpResponse prewarm(const HttpRequest& request);
+  HttpResponse cancelPrewarm();
   HttpResponse stats();
   HttpResponse selfCheck(const HttpRequest& request);
   HttpResponse logLines(const HttpRequest& request);

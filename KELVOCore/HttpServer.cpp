@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
@@ -168,6 +169,13 @@ TtsError portInUse(std::int64_t port) {
   return TtsError(TtsErrorCode::none, TF("端口 %d 已经被占用了。", static_cast<int>(port)) + "\n" +
                                           T("要么已经有另一个 KELVO 在运行(看看托盘),") + "\n" +
                                           T("要么被别的程序占用了 - 可以在设置里换一个端口。"));
+}
+
+// A bind address that names no interface here: no port change would help.
+TtsError addressNotHere(const std::string& address) {
+  return TtsError(TtsErrorCode::none, TF("%s 不是这台机器的地址,KELVO 无法在上面监听。", address) + "\n" +
+                                          T("请改用 0.0.0.0(所有地址)或 `ip -brief address` 列出的地址:"
+                                            "`kelvo serve --bind`,或 config.json 里 \"server\" 的 \"bind\"。"));
 }
 
 }  // namespace
@@ -678,7 +686,7 @@ void HttpServer::start() {
   if (ec) {
     tcp::resolver resolver(s.io);
     const auto found = resolver.resolve(s.bindAddress, "", tcp::resolver::passive, ec);
-    if (ec || found.empty()) throw portInUse(s.port);
+    if (ec || found.empty()) throw addressNotHere(s.bindAddress);
     address = found.begin()->endpoint().address();
   }
   const tcp::endpoint endpoint(address, static_cast<std::uint16_t>(s.port));
@@ -690,6 +698,7 @@ void HttpServer::start() {
   if (ec) {
     ErrorCode ignored;
     s.acceptor.close(ignored);
+    if (ec.value() == EADDRNOTAVAIL) throw addressNotHere(s.bindAddress);
     throw portInUse(s.port);
   }
   raiseDescriptorLimit();

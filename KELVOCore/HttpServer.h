@@ -138,8 +138,9 @@ class HttpServer {
   void setQuickHandler(QuickHandler quick);
 
   // Binds (address reuse on) and listens; binding is synchronous, so this
-  // returns well within 5 s. Throws TtsError with the three-line port-in-use
-  // message when the address cannot be bound, leaving no listener. Logs
+  // returns well within 5 s. Throws TtsError, leaving no listener: a bind
+  // address that is not on this machine says so; any other failure to bind
+  // gets the three-line port-in-use message. Logs
   // "service started on " + endpoint(). Does nothing while running. Raises
   // the process's soft descriptor limit when it is too low for 1024 clients.
   void start();

@@ -489,6 +489,7 @@ ServiceStats TtsService::stats() {
   s.queueDepth = queue_->depth();
   s.busy = queue_->busy();
   s.prewarmPending = prewarmPending();
+  s.prewarmFailures = prewarmFailures();
   s.p50Ms = percentile(0.5);
   s.p95Ms = percentile(0.95);
   return s;
@@ -497,6 +498,10 @@ ServiceStats TtsService::stats() {
 std::int64_t TtsService::prewarmRequests(const std::vector<TtsRequest>& requests) { return prewarm_->add(requests); }
 
 std::int64_t TtsService::prewarmPending() const { return prewarm_->pending(); }
+
+PrewarmWorker::Failures TtsService::prewarmFailures() const { return prewarm_->failures(); }
+
+std::int64_t TtsService::cancelPrewarm() { return prewarm_->cancel(); }
 
 bool TtsService::isCached(const TtsRequest& original) {
   TtsRequest request = original;

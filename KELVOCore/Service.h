@@ -32,6 +32,7 @@
 #include "KELVOCore/Cache.h"
 #include "KELVOCore/Config.h"
 #include "KELVOCore/EngineS2Local.h"
+#include "KELVOCore/Prewarm.h"
 #include "KELVOCore/Queue.h"
 #include "KELVOCore/Voices.h"
 
@@ -47,6 +48,7 @@ struct ServiceStats {
   std::int64_t cacheCount = 0;
   std::int64_t queueDepth = 0;
   std::int64_t prewarmPending = 0;
+  PrewarmWorker::Failures prewarmFailures;  // failed pre-bake lines since start
   bool busy = false;
   std::int64_t p50Ms = 0;
   std::int64_t p95Ms = 0;
@@ -142,6 +144,9 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // Hands the non-empty requests to the pre-bake worker; returns how many.
   std::int64_t prewarmRequests(const std::vector<TtsRequest>& requests);
   std::int64_t prewarmPending() const;
+  PrewarmWorker::Failures prewarmFailures() const;
+  // Drops the pre-bake lines still waiting; returns how many.
+  std::int64_t cancelPrewarm();
   // Whether synthesize(request) would be a cache hit right now: the same
   // voice resolution (never creating a voice) and key. Counts nothing.
   bool isCached(const TtsRequest& request);

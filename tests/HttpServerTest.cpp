@@ -383,8 +383,19 @@ TEST(HttpServerTest, PortInUseAndSlowHandlersBlockNobody) {
     ADD_FAILURE() << "bound a port already in use";
   } catch (const TtsError& e) {
     EXPECT_EQ(e.message, "port " + std::to_string(s->port()) +
-                             " is already in use.\neither another KELVO is already running (check the tray),\n"
-                             "or another program has taken it - you can pick a different port under Settings.");
+                             " is already in use.\neither another KELVO is already running (see `kelvo status` or "
+                             "`systemctl status kelvo`),\nor another program has taken it (`ss -ltnp` shows which) - "
+                             "pick another port with `kelvo serve --port` or \"port\" under \"server\" in config.json.");
+  }
+  // An address of no interface here (TEST-NET-1): no other port would help, so no port talk.
+  HttpServer elsewhere("192.0.2.1", 0, [](const HttpRequest&) { return HttpResponse::text(200, ""); });
+  try {
+    elsewhere.start();
+    ADD_FAILURE() << "bound an address that is not on this machine";
+  } catch (const TtsError& e) {
+    EXPECT_EQ(e.message, "192.0.2.1 is not an address of this machine, so KELVO cannot listen on it.\nUse 0.0.0.0 "
+                         "(every address) or one that `ip -brief address` lists: `kelvo serve --bind`, or \"bind\" "
+                         "under \"server\" in config.json.");
   }
   EXPECT_LT(Clock::now() - began, 5s);
   EXPECT_FALSE(second.isRunning());

@@ -185,19 +185,19 @@ TEST_F(ServiceTest, NoVoiceMessagesAndAirlinesNeverBootstrap) {
   ual.airline = "ual";
   EXPECT_EQ(failure(ual).message,
             "no voice available: nothing is bound for airline UAL · Français · Female; UAL has no language=Auto "
-            "fallback either. Bind one on the Broadcast page - to let this airline speak in any language, set its "
-            "language to Auto.");
+            "fallback either. Bind one with `kelvo bind` - to let this airline speak in any language, bind it with the "
+            "language auto.");
   EXPECT_TRUE(engine->texts().empty() && voices->count() == 1);
 
   config->setAirlineVoice("UAL", "", TtsGender::automatic, "v-gone");
   setUiLang(UiLang::zh);
   EXPECT_EQ(service->noVoiceMessage(ual),
-            "没有可用的声音:航空公司 UAL · Français · 女声 没有绑定任何声音。请在「播报」页绑定一个 - "
-            "想让这家航空公司用任何语言播报,就把它的语言设为「自动」。");
+            "没有可用的声音:航空公司 UAL · Français · 女声 没有绑定任何声音。用 `kelvo bind` 绑定一个 - "
+            "想让这家航空公司用任何语言播报,就用语言 auto 绑定。");
   setUiLang(UiLang::ja);
   EXPECT_EQ(service->noVoiceMessage(req("x", 1.0f, "de", TtsGender::male)),
-            "使える音声がありません: Deutsch · 男性の声 に音声が割り当てられていません。「放送」ページで割り当ててください - "
-            "この航空会社をどの言語でも放送させるには、言語を「自動」にしてください。");
+            "使える音声がありません: Deutsch · 男性の声 に音声が割り当てられていません。`kelvo bind` で割り当ててください - "
+            "この航空会社をどの言語でも放送させるには、言語 auto で割り当ててください。");
 }
 
 TEST_F(ServiceTest, DefaultVoiceIsGeneratedBoundAndSaved) {

@@ -219,8 +219,6 @@ class ServeTest(unittest.TestCase):
         self.assertEqual(run.returncode, 0)
         for word in ("--port", "--bind", "KELVO_HOME", "SIGTERM"):
             self.assertIn(word, run.stdout)
-        for bad in (["bogus"], ["serve", "--port", "99999"], []):
-            self.assertEqual(subprocess.run([KELVO] + bad, capture_output=True).returncode, 2, bad)
 
 
 def eventually(probe, what, seconds=20):
@@ -377,21 +375,6 @@ class CommandLineTest(unittest.TestCase):
             second.stop()
             subprocess.run(["rm", "-rf", other], check=False)
 
-    def test_errors_have_their_exit_status(self):
-        dead = f"http://127.0.0.1:{free_port()}"
-        env = dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en")
-        run = subprocess.run([KELVO, "status", "--url", dead], env=env, capture_output=True, text=True)
-        self.assertEqual(run.returncode, 3)
-        self.assertIn(f"no KELVO service answers at {dead}", run.stderr)
-        self.assertIn("kelvo serve", run.stderr)
-        self.assertIn("no such voice", self.kelvo("voices", "rm", "ghost", expect=1))
-        self.assertIn("no text to synthesise", self.kelvo("say", " ", expect=1))
-        self.kelvo("say", expect=2)
-        self.kelvo("bind", "KVO", "en", expect=2)
-        self.kelvo("say", "hi", "--speed", "9", expect=2)
-        config = os.path.join(self.home, "data", "config.json")
-        self.assertIn("A .cln is a zip package", self.kelvo("pack", "import", config, expect=1))
-
 
 class OnlineTest(unittest.TestCase):
     """`kelvo serve --hub` as an intranet hub, used by `kelvo hub` from other
@@ -452,7 +435,6 @@ class OnlineTest(unittest.TestCase):
         models = self.kelvo(getter, "models")
         for variant in ("q6_k", "q8_0", "f16"):
             self.assertRegex(models, variant + r"\s+s2-pro-" + variant + r"\.gguf\s+≈ [\d.]+ GB\s+missing")
-        self.assertIn("no model variant q9", self.kelvo(getter, "models", "rm", "q9", expect=1))
         out = self.kelvo(getter, "update")
         self.assertIn("installed version", out)
         self.assertIn("set KELVO_RELEASES_URL", out)
