@@ -276,6 +276,12 @@ std::optional<ProcessEntry> readProcess(pid_t pid) {
   return entry;
 }
 
+bool processAlive(pid_t pid) {
+  if (pid <= 0 || (::kill(pid, 0) != 0 && errno != EPERM)) return false;
+  const auto entry = readProcess(pid);
+  return !entry || entry->state != 'Z';  // /proc may hide other users' processes
+}
+
 std::vector<ProcessEntry> listProcesses() {
   std::vector<ProcessEntry> out;
   DIR* proc = ::opendir("/proc");

@@ -91,6 +91,9 @@ struct ProcessEntry {
 std::vector<ProcessEntry> listProcesses();
 // One process; absent when it does not exist (any more).
 std::optional<ProcessEntry> readProcess(pid_t pid);
+// Whether a process with this pid runs (a zombie has ended), also when it
+// belongs to another user. A recycled pid reads as alive.
+bool processAlive(pid_t pid);
 // SIGKILL to one process that is not a child of ours; true when it was sent.
 bool killProcess(pid_t pid);
 

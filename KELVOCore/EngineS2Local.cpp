@@ -470,7 +470,7 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
   Impl& m = *impl_;
   if (trimmed(params.text).empty()) throw TtsError(TtsErrorCode::emptyText, T("没有要合成的文字"));
   S2EngineState state;
-  std::string detail, missing;
+  std::string detail, missing, root;
   double seconds = 0;
   std::int64_t port = 0;
   std::int64_t timeoutMs = 0;
@@ -479,6 +479,7 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
     state = m.state;
     detail = m.detail;
     missing = m.missingWhatLocked();
+    root = m.searchRoot;
     seconds = m.loadSecondsLocked();
     port = m.port;
     timeoutMs = m.opts.timeoutMs;
@@ -487,7 +488,7 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
     case S2EngineState::missing:
       // Stopped with its files in place: nothing is missing, the detail says why.
       if (missing.empty()) throw TtsError(TtsErrorCode::engineNotConnected, detail);
-      throw TtsError(TtsErrorCode::engineNotConnected, TF("引擎不完整:bin 里缺少 %s", missing));
+      throw TtsError(TtsErrorCode::engineNotConnected, TF("引擎不完整:%s 里缺少 %s", root, missing));
     case S2EngineState::loading:
       throw TtsError(TtsErrorCode::engineNotConnected, TF("模型还在载入(已经 %.0f 秒),请稍后再试", seconds));
     case S2EngineState::failed:
@@ -549,9 +550,11 @@ void S2LocalEngine::start() {
   m.stopInternal(S2EngineState::missing, T("已停止"));
   const std::string loadingText = T("正在载入模型…");
   std::string missing;
+  std::string root;
   {
     std::lock_guard guard(m.lock);
     m.stopping = false;
+    root = m.searchRoot;
     if (m.discoverLocked()) {
       m.state = S2EngineState::loading;
       m.detail = loadingText;
@@ -562,7 +565,7 @@ void S2LocalEngine::start() {
     }
   }
   if (!missing.empty()) {
-    m.setUnlessStopping(S2EngineState::missing, TF("bin 里缺少 %s", missing));
+    m.setUnlessStopping(S2EngineState::missing, TF("%s 里缺少 %s", root, missing));
     AppLog::warn(kLogSource, "model files incomplete (missing " + missing + "); falling back to placeholder audio");
     return;
   }

@@ -243,7 +243,7 @@ TEST(S2Discovery, FindsFilesAndNamesWhatIsMissing) {
     engine.start();
     EXPECT_EQ(engine.currentState(), S2EngineState::missing);
     EXPECT_EQ(engine.missingWhat(), c.missing);
-    EXPECT_EQ(engine.detail(), "missing " + c.missing + " under bin");
+    EXPECT_EQ(engine.detail(), root.root() + " lacks " + c.missing);
     EXPECT_TRUE(test::loggedLine(
         "s2", LogLevel::warn, "model files incomplete (missing " + c.missing + "); falling back to placeholder audio"));
     try {
@@ -251,7 +251,7 @@ TEST(S2Discovery, FindsFilesAndNamesWhatIsMissing) {
       ADD_FAILURE() << "synthesised without an engine";
     } catch (const TtsError& e) {
       EXPECT_EQ(e.code, TtsErrorCode::engineNotConnected);
-      EXPECT_EQ(e.message, "the engine is incomplete: " + c.missing + " missing under bin");
+      EXPECT_EQ(e.message, "the engine is incomplete: " + root.root() + " lacks " + c.missing);
     }
   }
 
@@ -432,7 +432,7 @@ struct SynthCase {
 TEST_F(S2Engine, SynthesisRepliesAndFaults) {
   const std::string busy =
       "The engine is still busy — it synthesizes one line at a time, and the previous one has not finished. Wait "
-      "for it to finish and try again, or raise the synthesis timeout in Settings.";
+      "for it to finish and try again, or raise \"timeoutMs\" under \"synthesis\" in config.json.";
   const std::string gone =
       "the inference process is gone (crashed or killed); it is restarting automatically, try again shortly.";
   using enum TtsErrorCode;
@@ -576,8 +576,9 @@ TEST_F(S2Engine, StopAndUnloadEndTheChildDuringLoadAndSynthesis) {
     }
     const std::string detail = c.unload ? "model unloaded, memory released" : "stopped";
     EXPECT_EQ(refusal(*engine), "engine_not_connected: " +
-                                    (c.unload ? "The model is unloaded and this line is not in "
-                                                "the cache.\nTo synthesize it now, hit Load model on the Service page."
+                                    (c.unload ? "The model is unloaded and this line is not in the cache.\nTo "
+                                                "synthesise it now, restart the service (`systemctl restart kelvo`) so "
+                                                "that it loads the model again."
                                               : detail));
     EXPECT_EQ(engine->currentState(), c.unload ? S2EngineState::unloaded : S2EngineState::missing);
     EXPECT_EQ(engine->detail(), detail);
