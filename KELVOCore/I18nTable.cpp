@@ -100,9 +100,9 @@ void addQueue(std::unordered_map<std::string, JaEn>& t) {
 
 void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
   t["占位波形"] = {"プレースホルダー波形", "placeholder waveform"};
-  t["bin 里还没有模型;这是可听的假音频,只用来验证链路"] = {
-      "bin にまだモデルがありません;これは経路の確認だけに使う、聞こえる疑似音声です",
-      "no model under bin yet; this is audible fake audio, only to prove the pipeline works"};
+  t["%s 里还没有模型;这是可听的假音频,只用来验证链路"] = {
+      "%s にまだモデルがありません;これは経路の確認だけに使う、聞こえる疑似音声です",
+      "no model in %s yet; this is audible fake audio, only to prove the pipeline works"};
 }
 
 void addClonePack(std::unordered_map<std::string, JaEn>& t) {
@@ -169,13 +169,15 @@ void addHttp(std::unordered_map<std::string, JaEn>& t) {
   t["无法解析这个 HTTP 请求"] = {"この HTTP リクエストを解析できません", "this HTTP request cannot be parsed"};
   t["服务内部出错:%s"] = {"サービス内部エラー: %s", "internal service error: %s"};
   t["要发送的文件打不开"] = {"送信するファイルを開けません", "the file to be sent cannot be opened"};
+  t["请求体无法暂存:%s"] = {"リクエスト本文を一時保存できません: %s", "the request body cannot be stored: %s"};
+  t["缓存文件读不出来"] = {"キャッシュの音声ファイルを読み出せません", "the cached clip cannot be read"};
 }
 
 void addEngine(std::unordered_map<std::string, JaEn>& t) {
   // Life of the inference process.
   t["已停止"] = {"停止しました", "stopped"};
   t["模型已卸载,内存已释放"] = {"モデルをアンロードし、メモリを解放しました", "model unloaded, memory released"};
-  t["bin 里缺少 %s"] = {"bin に %s がありません", "missing %s under bin"};
+  t["%s 里缺少 %s"] = {"%s に %s がありません", "%s lacks %s"};
   t["正在载入模型…"] = {"モデルを読み込んでいます…", "loading the model…"};
   t["端口 %d..%d 全被占用了 — 推理进程没地方放"] = {"ポート %d..%d はすべて使用中です — 推論プロセスを置く場所がありません",
                                               "ports %d..%d are all taken — nowhere to put the inference process"};
@@ -202,10 +204,16 @@ void addEngine(std::unordered_map<std::string, JaEn>& t) {
       "the inference process keeps exiting (%d times); auto-restart stopped - see %s"};
   t["推理进程不见了 — 第 %d 次重启尝试…"] = {"推論プロセスが消えました — 再起動 %d 回目…",
                                         "the inference process vanished — restart attempt %d…"};
+  t["端口 %d 被另一个程序占着(不是推理进程),继续等推理进程…"] = {
+      "ポート %d は別のプログラムが使っています(推論プロセスではありません)。推論プロセスを待ち続けます…",
+      "another program holds port %d (not the inference process); still waiting for the inference process…"};
+  t["另一个程序占着端口 %d,推理进程没法在上面监听"] = {
+      "別のプログラムがポート %d を使っているため、推論プロセスはそこで待ち受けできません",
+      "another program holds port %d, so the inference process could not listen on it"};
   // One synthesis call.
   t["没有要合成的文字"] = {"合成するテキストがありません", "no text to synthesise"};
-  t["引擎不完整:bin 里缺少 %s"] = {"エンジンが不完全です: bin に %s がありません",
-                                 "the engine is incomplete: %s missing under bin"};
+  t["引擎不完整:%s 里缺少 %s"] = {"エンジンが不完全です: %s に %s がありません",
+                                 "the engine is incomplete: %s lacks %s"};
   t["模型还在载入(已经 %.0f 秒),请稍后再试"] = {"モデルはまだ読み込み中です(%.0f 秒経過)。少し待ってから再試行してください",
                                            "the model is still loading (%.0f s so far), try again shortly"};
   t["模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"] = {
@@ -289,9 +297,6 @@ void addHttpApi(std::unordered_map<std::string, JaEn>& t) {
 
 void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
   // What the `kelvo` operator commands print.
-  t["%s 上没有 KELVO 服务在应答 — 请用 `kelvo serve` 启动它"] = {
-      "%s で応答する KELVO サービスがありません — `kelvo serve` で起動してください",
-      "no KELVO service answers at %s — start it with `kelvo serve`"};
   t["服务返回了 %d"] = {"サービスが %d を返しました", "the service answered %d"};
   t["无法写入 %s:%s"] = {"%s に書き込めません: %s", "cannot write %s: %s"};
   t["无法打开音频设备 %s(用 KELVO_AUDIO_DEVICE 换一个)"] = {
@@ -368,6 +373,32 @@ void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
                                       "%lld lines could not be pre-baked (of %lld)"};
   t["%lld / %lld · 每分钟 %.1f 条 · 还剩 %s"] = {"%lld / %lld · 毎分 %.1f 件 · 残り %s",
                                               "%lld / %lld · %.1f lines/min · %s left"};
+}
+
+void addDataRoot(std::unordered_map<std::string, JaEn>& t) {
+  // Who owns a data root, and how the command line finds its service.
+  t["%s 上没有 KELVO 服务在应答 — 请检查 --url / KELVO_URL,或用 `kelvo serve` 启动它"] = {
+      "%s で応答する KELVO サービスがありません — --url / KELVO_URL を確認するか、`kelvo serve` で起動してください",
+      "no KELVO service answers at %s — check --url / KELVO_URL, or start one with `kelvo serve`"};
+  t["%s 上没有 KELVO 服务在应答,数据目录 %s 也没有正在运行的服务 — 请用 `kelvo serve` 启动它,或者用 --url / KELVO_URL 指定另一个服务"] = {
+      "%s で応答する KELVO サービスがなく、データフォルダ %s で動いているサービスもありません — `kelvo serve` で起動するか、--url / KELVO_URL で別のサービスを指定してください",
+      "no KELVO service answers at %s, and none runs on the data root %s — start one with `kelvo serve`, or name "
+      "another with --url / KELVO_URL"};
+  t["%s 上没有 KELVO 服务在应答,但数据目录 %s 的服务(pid %d)登记的正是这个地址 — 看看它的日志,或者用 --url / KELVO_URL 指定另一个服务"] = {
+      "%s で応答する KELVO サービスがありません。データフォルダ %s のサービス(pid %d)が登録したのはこのアドレスです — そのログを確認するか、--url / KELVO_URL で別のサービスを指定してください",
+      "no KELVO service answers at %s, although the service of the data root %s (pid %d) registered that address — "
+      "see its log, or name another with --url / KELVO_URL"};
+  t["无法锁定数据目录 %s:%s"] = {"データフォルダ %s をロックできません: %s", "cannot lock the data root %s: %s"};
+  t["数据目录 %s 正被另一个 KELVO 进程(pid %d)使用"] = {"データフォルダ %s は別の KELVO プロセス(pid %d)が使用中です",
+                                                   "the data root %s is in use by another KELVO process (pid %d)"};
+  t["数据目录 %s 正被另一个 KELVO 进程使用"] = {"データフォルダ %s は別の KELVO プロセスが使用中です",
+                                             "the data root %s is in use by another KELVO process"};
+  t["先停掉它,或者用 KELVO_HOME 给这个服务另一个数据目录"] = {
+      "先にそちらを止めるか、KELVO_HOME でこのサービスに別のデータフォルダを指定してください",
+      "stop that one first, or give this service a data root of its own with KELVO_HOME"};
+  t["服务运行时模型由它独占;先停掉服务,再运行这条命令"] = {
+      "サービスの実行中はモデルをサービスが占有しています。サービスを止めてから、このコマンドを実行してください",
+      "while a service runs, the models are its own; stop the service, then run this command again"};
 }
 
 void addOnline(std::unordered_map<std::string, JaEn>& t) {
@@ -508,6 +539,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addService(t);
     addHttpApi(t);
     addCommandLine(t);
+    addDataRoot(t);
     addOnline(t);
     addOnlineCommands(t);
     return t;

@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();  // --url and --json may follow the subcommand
   CommonOptions common;
-  app.add_option("--url", common.url, "the service's URL (default: $KELVO_URL, else the configuration's)");
+  app.add_option("--url", common.url, "the service's URL (default: $KELVO_URL, else the one the data root's service published, else the configuration's)");
   app.add_flag("--json", common.json, "print the service's answer as JSON");
   app.footer(
       "Exit status: 0 done, 1 refused (by the service; for models, update and hub by the outside server or this "

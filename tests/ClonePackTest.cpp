@@ -172,13 +172,19 @@ TEST_F(ClonePackTest, RefusesWholePacksBeforeTouchingAnything) {
       {pack(R"({"format":"kelvo-clone-pack","voices":{"display":"A"}})"), corrupt},
       {pack(R"({"format":"kelvo-clone-pack",)" + voice + R"(,"airlines":["UAL"]})"), corrupt},
   };
+  // Each refused alike from memory and from a file, which is read piece by piece.
+  const std::string file = a.dir.path() + "refused.cln";
   for (const auto& [bytes, message] : cases) {
-    try {
-      importPack(bytes, b.library, b.config);
-      ADD_FAILURE() << "accepted: " << message;
-    } catch (const TtsError& e) {
-      EXPECT_EQ(e.code, TtsErrorCode::badAudio);
-      EXPECT_EQ(e.message, message);
+    ASSERT_FALSE(writeFileAtomic(file, bytes));
+    for (const auto& import : {std::function([&] { importPack(bytes, b.library, b.config); }),
+                               std::function([&] { importPack(file, b.library, b.config); })}) {
+      try {
+        import();
+        ADD_FAILURE() << "accepted: " << message;
+      } catch (const TtsError& e) {
+        EXPECT_EQ(e.code, TtsErrorCode::badPack);
+        EXPECT_EQ(e.message, message);
+      }
     }
   }
   EXPECT_EQ(b.library.count(), 0);

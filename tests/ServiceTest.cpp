@@ -134,6 +134,7 @@ TEST_F(ServiceTest, LocalSpeedsShareOneEntryWithTheirOwnTags) {
     EXPECT_EQ(normal.etag, service->cacheKeys(req(text), voice, *engine, 0, false).first);
     EXPECT_EQ(service->synthesize(req(text, 1.5f)).etag, fast.etag);  // a retimed hit carries the speed's tag
   }
+  cache->flush();  // fresh lines reach the disk after their answer
   EXPECT_EQ(std::tuple(engine->texts().size(), cache->stats().count), std::tuple(2u, 2));
 
   config->setSpeedMode(TtsSpeedMode::engine);  // the engine speaks the speed itself: one entry per speed
@@ -264,6 +265,7 @@ TEST_F(ServiceTest, StatsAfterAKnownSequence) {
   EXPECT_EQ(failure(req("C")).message, "boom");
   engine->output = TestEngine::Output::empty;
   EXPECT_EQ(failure(req("C")).message, "the engine returned empty audio");
+  cache->flush();
   const ServiceStats s = service->stats();
   EXPECT_EQ(std::tuple(s.total, s.failed, s.cacheHits, s.cacheCount, s.queueDepth, s.busy, s.placeholder),
             std::tuple(3, 1, 1, 1, 0, false, true));
