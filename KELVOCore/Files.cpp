@@ -2,18 +2,39 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <filesystem>
 #include <utility>
+
+#include "KELVOCore/ChildProcess.h"
 
 namespace kelvo {
 
 namespace {
 
+constexpr std::string_view kTempMark = ".tmp-";
+
 std::error_code lastError() { return {errno, std::generic_category()}; }
+
+// The writer's pid of a "<name>.tmp-<pid>-<n>" file; absent for any other name.
+std::optional<pid_t> tempWriter(std::string_view name) {
+  const std::size_t mark = name.rfind(kTempMark);
+  if (mark == std::string_view::npos || mark == 0) return std::nullopt;
+  const char* p = name.data() + mark + kTempMark.size();
+  const char* end = name.data() + name.size();
+  pid_t pid = 0;
+  unsigned n = 0;
+  auto [afterPid, ec] = std::from_chars(p, end, pid);
+  if (ec != std::errc() || afterPid == end || *afterPid != '-' || pid <= 0) return std::nullopt;
+  auto [afterN, ec2] = std::from_chars(afterPid + 1, end, n);
+  if (ec2 != std::errc() || afterN != end) return std::nullopt;
+  return pid;
+}
 
 // Writes every byte, retrying short writes and EINTR.
 bool writeAll(int fd, std::span<const std::uint8_t> data) {
@@ -32,7 +53,7 @@ bool writeAll(int fd, std::span<const std::uint8_t> data) {
 // Unique per process and call, so concurrent writers never share a temp file.
 std::string tempName(const std::string& base) {
   static std::atomic<unsigned> counter{0};
-  return base + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+  return base + std::string(kTempMark) + std::to_string(::getpid()) + "-" + std::to_string(counter++);
 }
 
 std::error_code createParent(const std::string& path) {
@@ -70,6 +91,57 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::string& path) {
   ::close(fd);
   out.resize(used);
   return out;
+}
+
+std::optional<OpenFile> OpenFile::open(const std::string& path) {
+  OpenFile f;
+  f.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st {};
+  if (f.fd_ < 0 || ::fstat(f.fd_, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  f.size_ = static_cast<std::uint64_t>(st.st_size);
+  return f;
+}
+
+OpenFile::OpenFile(OpenFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
+
+OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = std::exchange(other.fd_, -1);
+    size_ = other.size_;
+  }
+  return *this;
+}
+
+OpenFile::~OpenFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::optional<std::vector<std::uint8_t>> OpenFile::readAll() const {
+  if (fd_ < 0) return std::nullopt;
+  // One spare byte: a file that grew since it was opened is not the file we know either.
+  std::vector<std::uint8_t> out(size_ + 1);
+  std::size_t used = 0;
+  for (;;) {
+    const ssize_t n = ::pread(fd_, out.data() + used, out.size() - used, static_cast<off_t>(used));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return std::nullopt;
+    if (n == 0 || used + static_cast<std::size_t>(n) == out.size()) {
+      used += static_cast<std::size_t>(n);
+      break;
+    }
+    used += static_cast<std::size_t>(n);
+  }
+  if (used != size_) return std::nullopt;
+  out.resize(used);
+  return out;
+}
+
+std::optional<DiskSpace> diskSpace(const std::string& path) {
+  struct statvfs st {};
+  if (::statvfs(path.c_str(), &st) != 0) return std::nullopt;
+  return DiskSpace{static_cast<std::uint64_t>(st.f_bavail) * st.f_frsize,
+                   static_cast<std::uint64_t>(st.f_blocks) * st.f_frsize};
 }
 
 std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data) {
@@ -152,6 +224,20 @@ bool RandomAccessFile::readAt(std::uint64_t offset, std::span<std::uint8_t> out)
     done += static_cast<std::size_t>(n);
   }
   return true;
+}
+
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> removed;
+  std::error_code ec;
+  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    const std::optional<pid_t> writer = tempWriter(name);
+    if (!writer || (*writer != ::getpid() && processAlive(*writer))) continue;
+    std::error_code ignored;
+    if (it->is_regular_file(ignored) && fs::remove(it->path(), ignored)) removed.push_back(name);
+  }
+  return removed;
 }
 
 }  // namespace kelvo

@@ -13,14 +13,6 @@ namespace kelvo {
 
 namespace {
 
-std::vector<std::string> stringList(const Json& body, std::string_view key) {
-  std::vector<std::string> out;
-  for (const Json& item : jArr(body, key).value_or(Json::array())) {
-    if (item.is_string() && !trimmed(item.get<std::string>()).empty()) out.push_back(trimmed(item.get<std::string>()));
-  }
-  return out;
-}
-
 // "kelvo-pack-20261123T112044Z.cln": the export's UTC time without separators.
 std::string packFileName() {
   std::string stamp = isoUtc(std::chrono::system_clock::now());
@@ -45,8 +37,8 @@ HttpResponse TtsHttpService::packsRoute(const HttpRequest& request, const std::s
 
   const std::optional<Json> body = parseJsonObject(request.body);
   if (!body) return badJson();
-  const std::vector<std::string> airlines = stringList(*body, "airlines");
-  const std::vector<std::string> voices = stringList(*body, "voices");
+  const std::vector<std::string> airlines = jStrings(*body, "airlines");
+  const std::vector<std::string> voices = jStrings(*body, "voices");
   if (airlines.empty() && voices.empty()) {
     return HttpResponse::error(400, "bad_request", T("请至少指定一个航司绑定或音色来导出"));
   }

@@ -220,8 +220,8 @@ TEST_F(ClonePackTest, SkipsBadItemsWithNotesAndWritesOnlyInsideTheDataRoot) {
                           "failed to import \"Half\": this audio is not WAV, MP3 or Ogg",
                           "audio/bad.wav inside the pack is corrupt and cannot be read.",
                           "\"Broken\" has no audio at all and cannot be imported",
-                          "failed to import \"Quiet\": a reference clip needs its transcript (the vendor contract "
-                          "makes reference_text mandatory)",
+                          "failed to import \"Quiet\": a reference clip needs its transcript (the engine requires "
+                          "reference_text)",
                           "\"\" has no audio at all and cannot be imported",
                           "binding DAL:en:default points at a voice that was not imported; it was dropped",
                           "binding UAL:en:male points at a voice that was not imported; it was dropped",
