@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -90,6 +91,57 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::string& path) {
   ::close(fd);
   out.resize(used);
   return out;
+}
+
+std::optional<OpenFile> OpenFile::open(const std::string& path) {
+  OpenFile f;
+  f.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st {};
+  if (f.fd_ < 0 || ::fstat(f.fd_, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  f.size_ = static_cast<std::uint64_t>(st.st_size);
+  return f;
+}
+
+OpenFile::OpenFile(OpenFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
+
+OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = std::exchange(other.fd_, -1);
+    size_ = other.size_;
+  }
+  return *this;
+}
+
+OpenFile::~OpenFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::optional<std::vector<std::uint8_t>> OpenFile::readAll() const {
+  if (fd_ < 0) return std::nullopt;
+  // One spare byte: a file that grew since it was opened is not the file we know either.
+  std::vector<std::uint8_t> out(size_ + 1);
+  std::size_t used = 0;
+  for (;;) {
+    const ssize_t n = ::pread(fd_, out.data() + used, out.size() - used, static_cast<off_t>(used));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return std::nullopt;
+    if (n == 0 || used + static_cast<std::size_t>(n) == out.size()) {
+      used += static_cast<std::size_t>(n);
+      break;
+    }
+    used += static_cast<std::size_t>(n);
+  }
+  if (used != size_) return std::nullopt;
+  out.resize(used);
+  return out;
+}
+
+std::optional<DiskSpace> diskSpace(const std::string& path) {
+  struct statvfs st {};
+  if (::statvfs(path.c_str(), &st) != 0) return std::nullopt;
+  return DiskSpace{static_cast<std::uint64_t>(st.f_bavail) * st.f_frsize,
+                   static_cast<std::uint64_t>(st.f_blocks) * st.f_frsize};
 }
 
 std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data, unsigned mode) {

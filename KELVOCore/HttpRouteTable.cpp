@@ -150,6 +150,12 @@ void TtsHttpService::addRoutes() {
                                            "X-KELVO-Cache"},
                        .notModified = true,
                        .errors = synthesisErrors}});
+  routes_.add({.method = "DELETE",
+               .pattern = "/v1/prewarm",
+               .scope = Scope::admin,
+               .handler = [this](R, P) { return cancelPrewarm(); },
+               .doc = {.summary = "Drop every pre-bake entry not yet started",
+                       .responseSchema = object({{"dropped", "integer"}, {"pending", "integer"}})}});
   routes_.add({.method = "*",
                .pattern = "/v1/prewarm",
                .scope = Scope::admin,
@@ -167,7 +173,8 @@ void TtsHttpService::addRoutes() {
                        .responseSchema = object({{"queued", "integer"},
                                                  {"cached", "integer"},
                                                  {"skipped_empty", "integer"},
-                                                 {"pending", "integer"}}),
+                                                 {"pending", "integer"},
+                                                 {"failed", "integer"}}),
                        .errors = {{400, {"bad_json"}}, {413, {"body_too_large"}}}}});
   const Json selfCheckSchema =
       object({{"ok", "boolean"},
@@ -226,6 +233,11 @@ void TtsHttpService::addRoutes() {
                                                  {"cache_count", "integer"},
                                                  {"queue_depth", "integer"},
                                                  {"prewarm_pending", "integer"},
+                                                 {"prewarm_failed", "integer"},
+                                                 {"prewarm_last_error", "string"},
+                                                 {"prewarm_failures", arrayOf(object({{"number", "integer"},
+                                                                                      {"text", "string"},
+                                                                                      {"reason", "string"}}))},
                                                  {"busy", "boolean"},
                                                  {"p50_ms", "integer"},
                                                  {"p95_ms", "integer"},

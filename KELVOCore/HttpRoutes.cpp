@@ -44,14 +44,15 @@ std::int64_t millisSince(SteadyClock::time_point start) {
   return static_cast<std::int64_t>(ms);
 }
 
-// Clients echo the tag either as sent or quoted (and browsers may mark it weak).
-bool etagMatches(std::string candidate, const std::string& etag) {
-  candidate = trimmed(candidate);
-  if (candidate.rfind("W/", 0) == 0) candidate.erase(0, 2);
+// The tag a client holds: echoed as sent or quoted, and browsers may mark it weak.
+std::string_view bareTag(std::string_view candidate) {
+  while (!candidate.empty() && (candidate.front() == ' ' || candidate.front() == '\t')) candidate.remove_prefix(1);
+  while (!candidate.empty() && (candidate.back() == ' ' || candidate.back() == '\t')) candidate.remove_suffix(1);
+  if (candidate.starts_with("W/")) candidate.remove_prefix(2);
   if (candidate.size() >= 2 && candidate.front() == '"' && candidate.back() == '"') {
     candidate = candidate.substr(1, candidate.size() - 2);
   }
-  return !etag.empty() && candidate == etag;
+  return candidate;
 }
 
 HttpResponse errorFor(const TtsError& e) {
@@ -128,6 +129,7 @@ void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional
   std::string address = bindAddress.value_or(service_->config().bindAddress());
   auto server = std::make_unique<HttpServer>(address, port.value_or(service_->config().port()),
                                              [this](const HttpRequest& r) { return dispatch(r); }, options);
+  server->setQuickHandler([this](const HttpRequest& r) { return quickDispatch(r); });
   server->start();
   server_ = std::move(server);
   bindAddress_ = std::move(address);
@@ -293,6 +295,11 @@ HttpResponse TtsHttpService::health() {
 
 HttpResponse TtsHttpService::stats() {
   const ServiceStats s = service_->stats();
+  Json failures = Json::array();
+  for (const PrewarmWorker::Failure& f : s.prewarmFailures.recent) {
+    failures.push_back(Json{{"number", f.number}, {"text", f.text}, {"reason", f.reason}});
+  }
+  const std::string lastError = s.prewarmFailures.recent.empty() ? "" : s.prewarmFailures.recent.back().reason;
   const double rtf = s.totalAudioMs < 1 ? 0.0 : static_cast<double>(s.totalSynthMs) / static_cast<double>(s.totalAudioMs);
   return HttpResponse::json(200, Json{{"total", s.total},
                                       {"failed", s.failed},
@@ -302,6 +309,9 @@ HttpResponse TtsHttpService::stats() {
                                       {"cache_count", s.cacheCount},
                                       {"queue_depth", s.queueDepth},
                                       {"prewarm_pending", s.prewarmPending},
+                                      {"prewarm_failed", s.prewarmFailures.count},
+                                      {"prewarm_last_error", lastError},
+                                      {"prewarm_failures", std::move(failures)},
                                       {"busy", s.busy},
                                       {"p50_ms", s.p50Ms},
                                       {"p95_ms", s.p95Ms},
@@ -354,7 +364,29 @@ HttpResponse TtsHttpService::clearCache() {
 
 // ---- Synthesis and pre-bake ----------------------------------------------------------
 
-HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
+std::optional<HttpResponse> TtsHttpService::quickDispatch(const HttpRequest& request) {
+  const auto started = SteadyClock::now();
+  const RouteMatch match = routes_.match(request.method, request.path);
+  if (match.route == nullptr) return std::nullopt;
+  if (match.route->unthrottled) return dispatch(request);
+  // With a rate limit each request must be counted once, and dispatch() does
+  // that; a caller locked out or without a key that may speak is answered (and
+  // its failure counted) there too.
+  if (match.route->pattern != "/v1/tts" || service_->config().rateLimitPerMinute() >= 1 || lockedOut(request.peer)) {
+    return std::nullopt;
+  }
+  if (keys_->enforced() && !keys_->check(bearerToken(request.header("authorization")))) return std::nullopt;
+  std::optional<HttpResponse> response = synthesis(request, true);
+  if (response) {
+    metrics_.countRequest(match.route->pattern, methodLabel(match.route, request.method), response->status,
+                          std::chrono::duration<double>(SteadyClock::now() - started).count());
+  }
+  return response;
+}
+
+HttpResponse TtsHttpService::synthesis(const HttpRequest& request) { return *synthesis(request, false); }
+
+std::optional<HttpResponse> TtsHttpService::synthesis(const HttpRequest& request, bool cachedOnly) {
   const auto started = SteadyClock::now();
   TtsRequest tts;
   std::optional<HttpResponse> refusal;
@@ -365,6 +397,7 @@ HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
   } else {
     tts = requestFromQuery(request);
   }
+  if (cachedOnly && refusal) return std::nullopt;
 
   RequestLog log;
   log.peer = request.peer;
@@ -379,12 +412,21 @@ HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
     log.note = T("请求体不是合法的 JSON");
   } else {
     try {
-      const TtsResult result = service_->synthesize(tts);
+      const std::string clientTag = request.header("if-none-match");
+      std::optional<TtsReply> answer;
+      if (cachedOnly) {
+        answer = service_->answerFromCache(tts, bareTag(clientTag));
+        if (!answer) return std::nullopt;
+      } else {
+        answer = service_->answer(tts, bareTag(clientTag));
+      }
+      TtsReply& reply = *answer;
+      const TtsResult& result = reply.result;
       if (!result.fromCache) metrics_.observeSynthesis(result.engine, static_cast<double>(result.synthMs) / 1000.0);
       log.voice = result.voiceId;
       log.audioMs = result.durationMs;
       log.cacheHit = result.fromCache;
-      if (etagMatches(request.header("if-none-match"), result.etag)) {
+      if (reply.notModified) {
         response.status = 304;
         response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
       } else {
@@ -397,7 +439,8 @@ HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
                             {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
                             {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
                             {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
-        response.body = result.wav;
+        response.body = std::move(reply.result.wav);
+        response.bodyFile = std::move(reply.file);
       }
     } catch (const TtsError& e) {
       response = errorFor(e);
@@ -448,7 +491,13 @@ HttpResponse TtsHttpService::prewarm(const HttpRequest& request) {
   return HttpResponse::json(200, Json{{"queued", handed},
                                       {"cached", cached},
                                       {"skipped_empty", skipped},
-                                      {"pending", service_->prewarmPending()}});
+                                      {"pending", service_->prewarmPending()},
+                                      {"failed", service_->prewarmFailures().count}});
+}
+
+HttpResponse TtsHttpService::cancelPrewarm() {
+  const std::int64_t dropped = service_->cancelPrewarm();
+  return HttpResponse::json(200, Json{{"dropped", dropped}, {"pending", service_->prewarmPending()}});
 }
 
 // ---- Self-check -------------------------------------------------------------------------

@@ -4,15 +4,14 @@
 #include <ifaddrs.h>
 #include <netinet/in.h>
 #include <pthread.h>
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/sendfile.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
@@ -166,55 +165,17 @@ void raiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A response body sent from a file with sendfile(), straight from the page
-// cache. The file is opened as soon as the handler returns, so one replaced or
-// deleted afterwards still goes out whole, as it was.
-class FileBody {
- public:
-  FileBody() = default;
-  FileBody(FileBody&& other) noexcept : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
-  FileBody& operator=(FileBody&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = std::exchange(other.fd_, -1);
-      size_ = other.size_;
-    }
-    return *this;
-  }
-  ~FileBody() { reset(); }
-
-  // The body file of `response`; when it cannot be opened, `response` becomes a 500.
-  static FileBody open(HttpResponse& response) {
-    FileBody f;
-    if (response.bodyFile.empty()) return f;
-    f.fd_ = ::open(response.bodyFile.c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat st {};
-    if (f.fd_ >= 0 && fstat(f.fd_, &st) == 0 && S_ISREG(st.st_mode)) {
-      f.size_ = static_cast<std::uint64_t>(st.st_size);
-      return f;
-    }
-    AppLog::error("http", "cannot open the response file " + response.bodyFile);
-    response = HttpResponse::error(500, "internal_error", TF("服务内部出错:%s", T("要发送的文件打不开")));
-    return FileBody();
-  }
-  void reset() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-    size_ = 0;
-  }
-  bool isOpen() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
-  std::uint64_t size() const { return size_; }
-
- private:
-  int fd_ = -1;
-  std::uint64_t size_ = 0;
-};
-
 TtsError portInUse(std::int64_t port) {
   return TtsError(TtsErrorCode::none, TF("端口 %d 已经被占用了。", static_cast<int>(port)) + "\n" +
                                           T("要么已经有另一个 KELVO 在运行(看看托盘),") + "\n" +
                                           T("要么被别的程序占用了 - 可以在设置里换一个端口。"));
+}
+
+// A bind address that names no interface here: no port change would help.
+TtsError addressNotHere(const std::string& address) {
+  return TtsError(TtsErrorCode::none, TF("%s 不是这台机器的地址,KELVO 无法在上面监听。", address) + "\n" +
+                                          T("请改用 0.0.0.0(所有地址)或 `ip -brief address` 列出的地址:"
+                                            "`kelvo serve --bind`,或 config.json 里 \"server\" 的 \"bind\"。"));
 }
 
 }  // namespace
@@ -229,6 +190,7 @@ struct HttpServer::Impl {
   const std::int64_t port;
   const Handler handler;
   const Options options;
+  QuickHandler quick;  // set before start(), read-only while running
 
   // An open connection, and since when it has waited for a request's first
   // byte (max while it receives, is handled or answers).
@@ -269,6 +231,15 @@ struct HttpServer::Impl {
     }
     AppLog::error("http", "handler failed on " + request.method + " " + request.path + ": " + what);
     return HttpResponse::error(500, "internal_error", TF("服务内部出错:%s", what));
+  }
+
+  std::optional<HttpResponse> runQuick(const HttpRequest& request) const {
+    if (!quick) return std::nullopt;
+    try {
+      return quick(request);
+    } catch (...) {
+      return std::nullopt;  // the handler proper answers it, error and all
+    }
   }
 
   void accept();
@@ -479,24 +450,24 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     std::shared_ptr<TempFile> spool = std::move(message.body().file);
     HttpRequest request = toRequest(std::move(message), peer_);
     if (spool) request.bodyFile = spool->path();
+    if (std::optional<HttpResponse> answer = server_.runQuick(request)) return respond(std::move(*answer));
     server_.workers.post([self = shared_from_this(), request = std::move(request), spool = std::move(spool)]() mutable {
       if (self->abandoned_.load(std::memory_order_acquire)) return;
       HttpResponse response = self->server_.runHandler(request);
       spool.reset();  // deleted as soon as the handler is done with it
-      FileBody file = FileBody::open(response);
-      asio::post(self->strand_, [self, response = std::move(response), file = std::move(file)]() mutable {
-        self->respond(std::move(response), std::move(file));
+      asio::post(self->strand_, [self, response = std::move(response)]() mutable {
+        self->respond(std::move(response));
       });
     });
   }
 
-  void respond(HttpResponse response, FileBody file = {}) {
+  void respond(HttpResponse response) {
     if (phase_ == Phase::closed) return;
     phase_ = Phase::writing;
     setDeadline(server_.options.idleTimeout);
-    if (file.isOpen()) {
-      file_ = std::move(file);
-      head_ = serializeResponseHead(response, file_.size(), close_);
+    if (response.bodyFile && response.bodyFile->isOpen()) {
+      file_ = std::move(response.bodyFile);
+      head_ = serializeResponseHead(response, file_->size(), close_);
       headSent_ = 0;
       fileSent_ = 0;
       return sendHeadAndFile();
@@ -512,14 +483,14 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   // a segment with the start of the file.
   void sendHeadAndFile() {
     const int socket = socket_.native_handle();
-    while (headSent_ < head_.size() || fileSent_ < file_.size()) {
+    while (headSent_ < head_.size() || fileSent_ < file_->size()) {
       ssize_t n = 0;
       if (headSent_ < head_.size()) {
         n = ::send(socket, head_.data() + headSent_, head_.size() - headSent_, MSG_MORE | MSG_NOSIGNAL);
         if (n > 0) headSent_ += static_cast<std::size_t>(n);
       } else {
         auto offset = static_cast<off_t>(fileSent_);
-        n = ::sendfile(socket, file_.fd(), &offset, std::min<std::uint64_t>(file_.size() - fileSent_, 1u << 30));
+        n = ::sendfile(socket, file_->fd(), &offset, std::min<std::uint64_t>(file_->size() - fileSent_, 1u << 30));
         if (n > 0) fileSent_ += static_cast<std::uint64_t>(n);
       }
       if (n > 0 || (n < 0 && errno == EINTR)) continue;
@@ -627,7 +598,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   bool continueSent_ = false;  // "100 Continue" already went out for this request
   std::string head_;           // the response being written
   Bytes body_;
-  FileBody file_;              // or its body as a file
+  std::shared_ptr<const OpenFile> file_;  // or its body as a file
   std::size_t headSent_ = 0;
   std::uint64_t fileSent_ = 0;
   std::atomic<bool> abandoned_{false};
@@ -703,6 +674,8 @@ HttpServer::HttpServer(std::string bindAddress, std::int64_t port, Handler handl
 
 HttpServer::~HttpServer() { stop(); }
 
+void HttpServer::setQuickHandler(QuickHandler quick) { impl_->quick = std::move(quick); }
+
 void HttpServer::start() {
   Impl& s = *impl_;
   std::lock_guard life(s.lifecycle);
@@ -713,7 +686,7 @@ void HttpServer::start() {
   if (ec) {
     tcp::resolver resolver(s.io);
     const auto found = resolver.resolve(s.bindAddress, "", tcp::resolver::passive, ec);
-    if (ec || found.empty()) throw portInUse(s.port);
+    if (ec || found.empty()) throw addressNotHere(s.bindAddress);
     address = found.begin()->endpoint().address();
   }
   const tcp::endpoint endpoint(address, static_cast<std::uint16_t>(s.port));
@@ -725,6 +698,7 @@ void HttpServer::start() {
   if (ec) {
     ErrorCode ignored;
     s.acceptor.close(ignored);
+    if (ec.value() == EADDRNOTAVAIL) throw addressNotHere(s.bindAddress);
     throw portInUse(s.port);
   }
   raiseDescriptorLimit();

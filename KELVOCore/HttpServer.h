@@ -25,9 +25,11 @@
 //
 // Thread-safe: start() and stop() may be called from any thread but a handler;
 // the handler is called concurrently from the worker pool and must be
-// thread-safe itself. Cost per request: two thread hand-offs (I/O thread to
-// worker and back) and one gathered write of header and body; the body is
-// never copied on the way out, and a `bodyFile` not even into the process.
+// thread-safe itself. Cost per request: the quick handler's answer goes out
+// from the I/O thread at once; any other request takes two thread hand-offs
+// (I/O thread to worker and back). Either way one gathered write of header and
+// body; the body is never copied on the way out, and a `bodyFile` not even
+// into the process.
 #pragma once
 
 #include <chrono>
@@ -35,10 +37,12 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "KELVOCore/Files.h"
 #include "KELVOCore/Json.h"
 #include "KELVOCore/Types.h"
 
@@ -67,10 +71,12 @@ struct HttpResponse {
   std::int64_t status = 200;
   std::map<std::string, std::string> headers;
   Bytes body;
-  // When set, the body is this file's content instead of `body`, sent with
-  // sendfile() from the page cache (no copy through the process). A file that
-  // cannot be opened when the handler returns turns the answer into a 500.
-  std::string bodyFile;
+  // When set, the body is this open file's content (its size when opened)
+  // instead of `body`, sent with sendfile() from the page cache, no copy
+  // through the process. Whatever happens to the file's path meanwhile, the
+  // bytes sent are the ones the handle was opened on; a file cut short in
+  // place mid-send ends the connection instead of the promised length.
+  std::shared_ptr<const OpenFile> bodyFile;
 
   // Serialised JSON ("{}" when it cannot be), "application/json; charset=utf-8".
   static HttpResponse json(std::int64_t status, const Json& object);
@@ -94,6 +100,10 @@ std::string serializeResponseHead(const HttpResponse& response, std::uint64_t co
 class HttpServer {
  public:
   using Handler = std::function<HttpResponse(const HttpRequest&)>;
+  // Answers what it can at once, on the I/O thread that read the request (no
+  // hand-off to the worker pool and back); nullopt passes the request on to
+  // the handler. It must never wait for anything but a briefly held lock.
+  using QuickHandler = std::function<std::optional<HttpResponse>(const HttpRequest&)>;
 
   static constexpr std::size_t maxHeaderBytes = 64 * 1024;
   static constexpr std::uint64_t maxBodyBytes = 64ull * 1024 * 1024;
@@ -124,9 +134,13 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
+  // REQUIRES: called before start().
+  void setQuickHandler(QuickHandler quick);
+
   // Binds (address reuse on) and listens; binding is synchronous, so this
-  // returns well within 5 s. Throws TtsError with the three-line port-in-use
-  // message when the address cannot be bound, leaving no listener. Logs
+  // returns well within 5 s. Throws TtsError, leaving no listener: a bind
+  // address that is not on this machine says so; any other failure to bind
+  // gets the three-line port-in-use message. Logs
   // "service started on " + endpoint(). Does nothing while running. Raises
   // the process's soft descriptor limit when it is too low for 1024 clients.
   void start();

@@ -11,6 +11,7 @@ KELVO_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev libsoundtouch-dev
   libpugixml-dev
   python3-jsonschema python3-prometheus-client
+  scdoc dpkg-dev file lintian
 )
 
 missing=()

@@ -174,7 +174,9 @@ TEST_F(ClonePackTest, RefusesWholePacksBeforeTouchingAnything) {
   };
   // Each refused alike from memory and from a file, which is read piece by piece.
   const std::string file = a.dir.path() + "refused.cln";
-  for (const auto& [bytes, message] : cases) {
+  for (const auto& refused : cases) {
+    const Bytes& bytes = refused.first;
+    const std::string& message = refused.second;
     ASSERT_FALSE(writeFileAtomic(file, bytes));
     for (const auto& import : {std::function([&] { importPack(bytes, b.library, b.config); }),
                                std::function([&] { importPack(file, b.library, b.config); })}) {
@@ -218,8 +220,8 @@ TEST_F(ClonePackTest, SkipsBadItemsWithNotesAndWritesOnlyInsideTheDataRoot) {
                           "failed to import \"Half\": this audio is not WAV, MP3 or Ogg",
                           "audio/bad.wav inside the pack is corrupt and cannot be read.",
                           "\"Broken\" has no audio at all and cannot be imported",
-                          "failed to import \"Quiet\": a reference clip needs its transcript (the vendor contract "
-                          "makes reference_text mandatory)",
+                          "failed to import \"Quiet\": a reference clip needs its transcript (the engine requires "
+                          "reference_text)",
                           "\"\" has no audio at all and cannot be imported",
                           "binding DAL:en:default points at a voice that was not imported; it was dropped",
                           "binding UAL:en:male points at a voice that was not imported; it was dropped",

@@ -373,7 +373,7 @@ TEST_F(S2Engine, StartFaultsEndInTheirStateDetailAndLogLine) {
       {"exit 3", dies("exit:3"), failed, hinted(3, "(none)"), LogLevel::error, exited + "3; log: %LOG%"},
       {"never listens", {{"S2_DOUBLE_NEVER_LISTEN", "1"}}, failed, "the model still is not loaded after 0 s — see %LOG%",
        LogLevel::error, "the model is still not loaded after 0 s; giving up (log: %LOG%)", 300ms},
-      {"dies four times", {{"S2_DOUBLE_DIE", "ready+100"}}, failed, "the inference process keeps exiting (3 times); "
+      {"dies four times", {{"S2_DOUBLE_DIE", "ready+500"}}, failed, "the inference process keeps exiting (3 times); "
        "auto-restart stopped - see %LOG%", LogLevel::warn, "inference process gone (auto-restarted 3 time(s))"},
       {"ports taken", {}, failed, "ports %FIRST%..%LAST% are all taken — nowhere to put the inference process",
        LogLevel::error, "ports %FIRST%..%LAST% are all taken", 20s, Setup::portsTaken},
@@ -432,7 +432,7 @@ struct SynthCase {
 TEST_F(S2Engine, SynthesisRepliesAndFaults) {
   const std::string busy =
       "The engine is still busy — it synthesizes one line at a time, and the previous one has not finished. Wait "
-      "for it to finish and try again, or raise the synthesis timeout in Settings.";
+      "for it to finish and try again, or raise \"timeoutMs\" under \"synthesis\" in config.json.";
   const std::string gone =
       "the inference process is gone (crashed or killed); it is restarting automatically, try again shortly.";
   using enum TtsErrorCode;
@@ -576,8 +576,9 @@ TEST_F(S2Engine, StopAndUnloadEndTheChildDuringLoadAndSynthesis) {
     }
     const std::string detail = c.unload ? "model unloaded, memory released" : "stopped";
     EXPECT_EQ(refusal(*engine), "engine_not_connected: " +
-                                    (c.unload ? "The model is unloaded and this line is not in "
-                                                "the cache.\nTo synthesize it now, hit Load model on the Service page."
+                                    (c.unload ? "The model is unloaded and this line is not in the cache.\nTo "
+                                                "synthesise it now, restart the service (`systemctl restart kelvo`) so "
+                                                "that it loads the model again."
                                               : detail));
     EXPECT_EQ(engine->currentState(), c.unload ? S2EngineState::unloaded : S2EngineState::missing);
     EXPECT_EQ(engine->detail(), detail);

@@ -9,6 +9,7 @@ import stat
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 if len(sys.argv) > 1 and not sys.argv[1].startswith("-"):
@@ -61,6 +62,7 @@ class ApiTest(unittest.TestCase):
             self.assertEqual(js("POST", "/v1/prewarm", {"items": [{"text": "Gate 5"}, {"text": ""}]})[1]["skipped_empty"], 1)
             self.assertEqual(js("GET", "/v1/prewarm?text=Gate+6&language=en")[0], 200)
             self.assertEqual(js("POST", "/v1/prewarm", b"{")[1]["error"], "bad_json")
+            self.assertIn("dropped", js("DELETE", "/v1/prewarm")[1])
             self.assertIn("checks", js("GET", "/v1/selftest?format=json")[1])
             self.assertEqual(req("GET", "/selftest")[0], 200)
 
@@ -219,6 +221,11 @@ class ApiTest(unittest.TestCase):
             self.assertEqual(srv.request("POST", "/v1/tts", LINE)[1]["X-KELVO-Cache"], "hit")
             for junk in ("/nope/1", "/nope/2", "/v1/voices/ghost"):
                 srv.request("GET", junk)
+            # A fresh line is stored after its answer has gone out: wait for it (counted on /v1/stats only).
+            for _ in range(100):
+                if srv.json("GET", "/v1/stats")[1]["cache_count"] == 1:
+                    break
+                time.sleep(0.05)
             after = scrape()
             engine = headers["X-KELVO-Engine"]
         finally:
