@@ -280,8 +280,8 @@ TEST(AudioDecodeTest, OggReasonsAreWorded) {
   const std::pair<OggResult, std::string_view> reasons[] = {
       {OggResult::ok, ""},
       {OggResult::noDecoder,
-       "this build has no Ogg decoder, so ogg cannot be decoded - the engine does not accept ogg either; please use "
-       "WAV or MP3."},
+       "this build has no Ogg decoder, so ogg cannot be decoded - the engine does not accept ogg either; "
+       "please use WAV or MP3."},
       {OggResult::notVorbis, "this is not an ogg file."},
       {OggResult::opus,
        "this is Opus inside .ogg. Opus and Vorbis are different codecs and only Vorbis is supported here;convert it "
