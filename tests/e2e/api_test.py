@@ -150,8 +150,9 @@ class ApiTest(unittest.TestCase):
             with open(os.path.join(data, "config.json")) as f:
                 self.assertNotIn("kelvo_", f.read())
 
-            # One route of each scope: open, speak, admin (the last one clears the cache).
-            routes = (("GET", "/v1/health"), ("GET", "/v1/stats"), ("DELETE", "/v1/cache"))
+            # One route of each scope: open, speak (a line the cache answers on its quick path),
+            # admin (clearing the cache).
+            routes = (("GET", "/v1/health", None), ("POST", "/v1/tts", LINE), ("DELETE", "/v1/cache", None))
             callers = (("no key", None, (200, 401, 401)),
                        ("wrong key", "kelvo_" + "0" * 48, (200, 401, 401)),
                        ("revoked key", old, (200, 401, 401)),
@@ -160,8 +161,8 @@ class ApiTest(unittest.TestCase):
             for caller, key, expected in callers:
                 headers = {"Authorization": "Bearer " + key} if key else {}
                 got = []
-                for method, path in routes:
-                    status, answer_headers, body = srv.request(method, path, headers=headers)
+                for method, path, body in routes:
+                    status, answer_headers, body = srv.request(method, path, body, headers)
                     got.append(status)
                     if status == 401:
                         self.assertEqual(answer_headers["WWW-Authenticate"], "Bearer")
