@@ -1,6 +1,8 @@
 // The clone-pack routes: export voices and bindings as one .cln archive, and
 // import one. An archive arrives from other machines and public hubs, so the
-// import hands the bytes to ClonePack, which treats every one as hostile.
+// import hands the bytes to ClonePack, which treats every one as hostile. The
+// server receives an imported pack into a temporary file (it may be up to
+// 512 MiB), which ClonePack reads one entry at a time.
 
 #include "KELVOCore/ClonePack.h"
 #include "KELVOCore/HttpRoutes.h"
@@ -24,8 +26,12 @@ HttpResponse TtsHttpService::packsRoute(const HttpRequest& request, const std::s
   if (path != "/v1/packs/export" && path != "/v1/packs/import") return noSuchPath(request.path);
   if (request.method != "POST") return methodNotAllowed(request.method);
   if (path == "/v1/packs/import") {
-    const PackSummary summary = importPack(std::span<const std::uint8_t>(request.body), service_->voices(),
-                                           service_->config());
+    // The server hands a pack over as a file; a body in memory comes only from
+    // callers of dispatch() that bypass the server.
+    const PackSummary summary =
+        request.bodyFile.empty()
+            ? importPack(std::span<const std::uint8_t>(request.body), service_->voices(), service_->config())
+            : importPack(request.bodyFile, service_->voices(), service_->config());
     return HttpResponse::json(200, packSummaryJson(summary));
   }
 

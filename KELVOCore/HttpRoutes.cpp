@@ -53,14 +53,15 @@ std::int64_t millisSince(SteadyClock::time_point start) {
   return static_cast<std::int64_t>(ms);
 }
 
-// Clients echo the tag either as sent or quoted (and browsers may mark it weak).
-bool etagMatches(std::string candidate, const std::string& etag) {
-  candidate = trimmed(candidate);
-  if (candidate.rfind("W/", 0) == 0) candidate.erase(0, 2);
+// The tag a client holds: echoed as sent or quoted, and browsers may mark it weak.
+std::string_view bareTag(std::string_view candidate) {
+  while (!candidate.empty() && (candidate.front() == ' ' || candidate.front() == '\t')) candidate.remove_prefix(1);
+  while (!candidate.empty() && (candidate.back() == ' ' || candidate.back() == '\t')) candidate.remove_suffix(1);
+  if (candidate.starts_with("W/")) candidate.remove_prefix(2);
   if (candidate.size() >= 2 && candidate.front() == '"' && candidate.back() == '"') {
     candidate = candidate.substr(1, candidate.size() - 2);
   }
-  return !etag.empty() && candidate == etag;
+  return candidate;
 }
 
 HttpResponse errorFor(const TtsError& e) {
@@ -111,9 +112,17 @@ TtsHttpService::~TtsHttpService() { stop(); }
 
 void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional<std::int64_t> port) {
   stop();
+  // A clone pack may be far larger than any other body, so it alone is
+  // received into a file beside the cache instead of into memory.
+  HttpServer::Options options;
+  options.spoolsBody = [](std::string_view method, std::string_view path) {
+    return method == "POST" && asciiLower(std::string(path)) == "/v1/packs/import";
+  };
+  options.spoolBase = service_->cache().directory() + "pack-upload";
   std::string address = bindAddress.value_or(service_->config().bindAddress());
   auto server = std::make_unique<HttpServer>(address, port.value_or(service_->config().port()),
-                                             [this](const HttpRequest& r) { return dispatch(r); });
+                                             [this](const HttpRequest& r) { return dispatch(r); }, options);
+  server->setQuickHandler([this](const HttpRequest& r) { return quickDispatch(r); });
   server->start();
   server_ = std::move(server);
   bindAddress_ = std::move(address);
@@ -207,7 +216,7 @@ bool TtsHttpService::rateLimited(const std::string& peer) {
 HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string& path) {
   const std::string& method = request.method;
   if (path == "/v1/tts") return synthesis(request);
-  if (path == "/v1/prewarm") return prewarm(request);
+  if (path == "/v1/prewarm") return method == "DELETE" ? cancelPrewarm() : prewarm(request);
   if (path == "/v1/selftest" || path == "/selftest") {
     return method == "GET" ? selfCheck(request) : methodNotAllowed(method);
   }
@@ -245,6 +254,11 @@ HttpResponse TtsHttpService::health() {
 
 HttpResponse TtsHttpService::stats() {
   const ServiceStats s = service_->stats();
+  Json failures = Json::array();
+  for (const PrewarmWorker::Failure& f : s.prewarmFailures.recent) {
+    failures.push_back(Json{{"number", f.number}, {"text", f.text}, {"reason", f.reason}});
+  }
+  const std::string lastError = s.prewarmFailures.recent.empty() ? "" : s.prewarmFailures.recent.back().reason;
   const double rtf = s.totalAudioMs < 1 ? 0.0 : static_cast<double>(s.totalSynthMs) / static_cast<double>(s.totalAudioMs);
   return HttpResponse::json(200, Json{{"total", s.total},
                                       {"failed", s.failed},
@@ -254,6 +268,9 @@ HttpResponse TtsHttpService::stats() {
                                       {"cache_count", s.cacheCount},
                                       {"queue_depth", s.queueDepth},
                                       {"prewarm_pending", s.prewarmPending},
+                                      {"prewarm_failed", s.prewarmFailures.count},
+                                      {"prewarm_last_error", lastError},
+                                      {"prewarm_failures", std::move(failures)},
                                       {"busy", s.busy},
                                       {"p50_ms", s.p50Ms},
                                       {"p95_ms", s.p95Ms},
@@ -288,7 +305,17 @@ HttpResponse TtsHttpService::clearCache() {
 
 // ---- Synthesis and pre-bake ----------------------------------------------------------
 
-HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
+std::optional<HttpResponse> TtsHttpService::quickDispatch(const HttpRequest& request) {
+  const std::string path = asciiLower(request.path);
+  if (path == "/v1/health" || path == "/health") return dispatch(request);
+  // With a rate limit each request must be counted once, and dispatch() does that.
+  if (path != "/v1/tts" || service_->config().rateLimitPerMinute() >= 1) return std::nullopt;
+  return synthesis(request, true);
+}
+
+HttpResponse TtsHttpService::synthesis(const HttpRequest& request) { return *synthesis(request, false); }
+
+std::optional<HttpResponse> TtsHttpService::synthesis(const HttpRequest& request, bool cachedOnly) {
   const auto started = SteadyClock::now();
   TtsRequest tts;
   std::optional<HttpResponse> refusal;
@@ -299,6 +326,7 @@ HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
   } else {
     tts = requestFromQuery(request);
   }
+  if (cachedOnly && refusal) return std::nullopt;
 
   RequestLog log;
   log.peer = request.peer;
@@ -313,11 +341,20 @@ HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
     log.note = T("请求体不是合法的 JSON");
   } else {
     try {
-      const TtsResult result = service_->synthesize(tts);
+      const std::string clientTag = request.header("if-none-match");
+      std::optional<TtsReply> answer;
+      if (cachedOnly) {
+        answer = service_->answerFromCache(tts, bareTag(clientTag));
+        if (!answer) return std::nullopt;
+      } else {
+        answer = service_->answer(tts, bareTag(clientTag));
+      }
+      TtsReply& reply = *answer;
+      const TtsResult& result = reply.result;
       log.voice = result.voiceId;
       log.audioMs = result.durationMs;
       log.cacheHit = result.fromCache;
-      if (etagMatches(request.header("if-none-match"), result.etag)) {
+      if (reply.notModified) {
         response.status = 304;
         response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
       } else {
@@ -330,7 +367,8 @@ HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
                             {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
                             {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
                             {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
-        response.body = result.wav;
+        response.body = std::move(reply.result.wav);
+        response.bodyFile = std::move(reply.file);
       }
     } catch (const TtsError& e) {
       response = errorFor(e);
@@ -381,7 +419,13 @@ HttpResponse TtsHttpService::prewarm(const HttpRequest& request) {
   return HttpResponse::json(200, Json{{"queued", handed},
                                       {"cached", cached},
                                       {"skipped_empty", skipped},
-                                      {"pending", service_->prewarmPending()}});
+                                      {"pending", service_->prewarmPending()},
+                                      {"failed", service_->prewarmFailures().count}});
+}
+
+HttpResponse TtsHttpService::cancelPrewarm() {
+  const std::int64_t dropped = service_->cancelPrewarm();
+  return HttpResponse::json(200, Json{{"dropped", dropped}, {"pending", service_->prewarmPending()}});
 }
 
 // ---- Self-check -------------------------------------------------------------------------

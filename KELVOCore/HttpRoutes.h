@@ -70,6 +70,9 @@ class TtsHttpService {
 
   // The answer to one request. Never throws.
   HttpResponse dispatch(const HttpRequest& request);
+  // The same answer for what never waits: health, and without a rate limit a
+  // /v1/tts line that is a plain cache hit. nullopt for everything else.
+  std::optional<HttpResponse> quickDispatch(const HttpRequest& request);
 
  private:
   struct Period {
@@ -88,7 +91,10 @@ class TtsHttpService {
 
   HttpResponse health();
   HttpResponse synthesis(const HttpRequest& request);
+  // With `cachedOnly`, nullopt unless the answer is a plain cache hit (nothing logged then).
+  std::optional<HttpResponse> synthesis(const HttpRequest& request, bool cachedOnly);
   HttpResponse prewarm(const HttpRequest& request);
+  HttpResponse cancelPrewarm();
   HttpResponse stats();
   HttpResponse selfCheck(const HttpRequest& request);
   HttpResponse logLines(const HttpRequest& request);

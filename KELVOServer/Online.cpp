@@ -31,7 +31,7 @@ ModelVariant variantNamed(const std::string& id) {
   if (std::optional<ModelVariant> v = findModelVariant(id)) return *v;
   std::string known;
   for (const ModelVariant& v : modelVariants()) known += (known.empty() ? "" : ", ") + v.id;
-  throw CommandError{exitRefused, TF("没有 %s 这个模型版本(可选:%s)", id, known)};
+  throw CommandError{exitUsage, TF("没有 %s 这个模型版本(可选:%s)", id, known)};
 }
 
 // The configuration as the service would read it; the defaults when the data root has none yet.

@@ -7,6 +7,7 @@
 #include "KELVOCore/Version.h"
 #include "KELVOServer/Client.h"
 #include "KELVOServer/Commands.h"
+#include "KELVOServer/Mistakes.h"
 
 int main(int argc, char** argv) {
   using namespace kelvo::cli;
@@ -35,7 +36,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::Success& e) {
     return app.exit(e);  // --help and --version
   } catch (const CLI::ParseError& e) {
-    app.exit(e);
+    std::fprintf(stderr, "kelvo: %s\n", explainParseError(app, e).c_str());
     return exitUsage;
   } catch (const CommandError& e) {
     std::fprintf(stderr, "%s\n", e.message.c_str());

@@ -10,6 +10,7 @@ KELVO_PACKAGES=(
   libasound2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libsoundtouch-dev
   libpugixml-dev
+  scdoc dpkg-dev file lintian
 )
 
 missing=()
