@@ -5,10 +5,12 @@
 #include <cstdlib>
 #include <limits>
 
+#include "KELVOCore/HttpOpenAi.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
 #include "KELVOCore/SelfCheck.h"
 #include "KELVOCore/Version.h"
+#include "KELVOCore/Wav.h"
 
 namespace kelvo {
 
@@ -65,6 +67,13 @@ bool etagMatches(std::string candidate, const std::string& etag) {
 
 HttpResponse errorFor(const TtsError& e) {
   return HttpResponse::error(e.httpStatus(), errorName(e.code), e.message);
+}
+
+Bytes encodeWav(AudioFormat format, const Bytes& wav) {
+  const std::optional<PcmBuffer> pcm = parseWav(wav);
+  std::optional<Bytes> encoded = pcm ? encodeAudio(format, *pcm) : std::nullopt;
+  if (!encoded) throw TtsError(TtsErrorCode::engineFailed, TF("无法把音频编码为 %s", std::string(code(format))));
+  return std::move(*encoded);
 }
 
 }  // namespace
@@ -166,7 +175,7 @@ HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
     const std::int64_t limit = service_->config().rateLimitPerMinute();
     HttpResponse r = HttpResponse::error(429, "rate_limited", TF("超过了每分钟 %d 次请求的上限", static_cast<int>(limit)));
     r.headers["Retry-After"] = "60";
-    return r;
+    return isOpenAiPath(path) ? openAiError(std::move(r)) : r;
   }
   try {
     return route(request, path);
@@ -201,6 +210,8 @@ bool TtsHttpService::rateLimited(const std::string& peer) {
 HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string& path) {
   const std::string& method = request.method;
   if (path == "/v1/tts") return synthesis(request);
+  if (path == "/v1/audio/speech") return speech(request);
+  if (path == "/v1/models") return method == "GET" ? models() : openAiError(methodNotAllowed(method));
   if (path == "/v1/prewarm") return prewarm(request);
   if (path == "/v1/selftest" || path == "/selftest") {
     return method == "GET" ? selfCheck(request) : methodNotAllowed(method);
@@ -278,56 +289,73 @@ HttpResponse TtsHttpService::clearCache() {
 // ---- Synthesis and pre-bake ----------------------------------------------------------
 
 HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
-  const auto started = SteadyClock::now();
+  constexpr std::string_view kRoute = "/v1/tts";
   TtsRequest tts;
-  std::optional<HttpResponse> refusal;
+  std::string formatName;
   if (request.method == "POST") {
     const std::optional<Json> body = parseJsonObject(request.body);
-    if (body) tts = requestFromJson(*body);
-    else refusal = badJson();
+    if (!body) return refuseSpeech(request, kRoute, badJson());
+    tts = requestFromJson(*body);
+    formatName = jStr(*body, "format");
   } else {
     tts = requestFromQuery(request);
+    formatName = request.queryValue("format");
   }
+  // The native API answers WAV unless a player asks for something else.
+  const std::optional<AudioFormat> format =
+      trimmed(formatName).empty() ? AudioFormat::wav : parseAudioFormat(formatName);
+  if (!format) return refuseSpeech(request, kRoute, unknownAudioFormat(formatName));
+  return speak(request, tts, *format, kRoute);
+}
 
+HttpResponse TtsHttpService::refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal) {
   RequestLog log;
   log.peer = request.peer;
-  log.route = "/v1/tts";
+  log.route = std::string(route);
+  log.status = refusal.status;
+  if (const std::optional<Json> body = parseJsonObject(refusal.body)) log.note = jStr(*body, "message");
+  AppLog::request(std::move(log));
+  return refusal;
+}
+
+HttpResponse TtsHttpService::speak(const HttpRequest& request, const TtsRequest& tts, AudioFormat format,
+                                   std::string_view route) {
+  const auto started = SteadyClock::now();
+  RequestLog log;
+  log.peer = request.peer;
+  log.route = std::string(route);
   log.language = normLang(tts.language);
   log.voice = trimmed(tts.voiceId);
   log.speed = clampSpeed(tts.speed);
 
   HttpResponse response;
-  if (refusal) {
-    response = *refusal;
-    log.note = T("请求体不是合法的 JSON");
-  } else {
-    try {
-      const TtsResult result = service_->synthesize(tts);
-      log.voice = result.voiceId;
-      log.audioMs = result.durationMs;
-      log.cacheHit = result.fromCache;
-      if (etagMatches(request.header("if-none-match"), result.etag)) {
-        response.status = 304;
-        response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
-      } else {
-        response.headers = {{"Content-Type", "audio/wav"},
-                            {"ETag", result.etag},
-                            {"X-KELVO-Result", "ok"},
-                            {"X-KELVO-Engine", result.engine},
-                            {"X-KELVO-Voice", result.voiceId},
-                            {"X-KELVO-Sample-Rate", std::to_string(result.sampleRate)},
-                            {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
-                            {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
-                            {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
-        response.body = result.wav;
-      }
-    } catch (const TtsError& e) {
-      response = errorFor(e);
-      log.note = e.message;
-    } catch (const std::exception& e) {
-      response = HttpResponse::error(500, "internal", e.what());
-      log.note = e.what();
+  try {
+    const TtsResult result = service_->synthesize(tts);
+    log.voice = result.voiceId;
+    log.audioMs = result.durationMs;
+    log.cacheHit = result.fromCache;
+    const std::string etag = variantTag(result.etag, format);
+    if (etagMatches(request.header("if-none-match"), etag)) {
+      response.status = 304;
+      response.headers = {{"ETag", etag}, {"X-KELVO-Result", "ok"}};
+    } else {
+      response.headers = {{"Content-Type", std::string(contentType(format))},
+                          {"ETag", etag},
+                          {"X-KELVO-Result", "ok"},
+                          {"X-KELVO-Engine", result.engine},
+                          {"X-KELVO-Voice", result.voiceId},
+                          {"X-KELVO-Sample-Rate", std::to_string(deliveredSampleRate(format, result.sampleRate))},
+                          {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
+                          {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
+                          {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
+      response.body = format == AudioFormat::wav ? result.wav : encodeWav(format, result.wav);
     }
+  } catch (const TtsError& e) {
+    response = errorFor(e);
+    log.note = e.message;
+  } catch (const std::exception& e) {
+    response = HttpResponse::error(500, "internal", e.what());
+    log.note = e.what();
   }
   log.status = response.status;
   log.elapsedMs = millisSince(started);

@@ -23,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "KELVOCore/AudioFormat.h"
 #include "KELVOCore/HttpServer.h"
 #include "KELVOCore/HubStore.h"
 #include "KELVOCore/Json.h"
@@ -84,6 +85,15 @@ class TtsHttpService {
 
   HttpResponse health();
   HttpResponse synthesis(const HttpRequest& request);
+  // One line spoken and answered in `format`: 200 with the audio and the
+  // X-KELVO- headers, 304 when the client holds its tag, or the native error;
+  // logged as one RequestLog entry under `route`.
+  HttpResponse speak(const HttpRequest& request, const TtsRequest& tts, AudioFormat format, std::string_view route);
+  // Logs a synthesis request refused before the pipeline; returns `refusal`.
+  static HttpResponse refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal);
+  // The OpenAI-compatible routes (HttpOpenAi.h).
+  HttpResponse speech(const HttpRequest& request);
+  HttpResponse models();
   HttpResponse prewarm(const HttpRequest& request);
   HttpResponse stats();
   HttpResponse selfCheck(const HttpRequest& request);
