@@ -21,7 +21,8 @@ namespace kelvo {
 
 inline constexpr std::int64_t opusSampleRate = 48000;
 
-// The whole Ogg Opus file of `pcm`; absent when libopusenc fails.
+// The whole Ogg Opus file of `pcm`; absent for no audio at all (an Ogg Opus
+// stream cannot be ended without a sample) or when libopusenc fails.
 // REQUIRES: pcm.sampleRate >= 1.
 std::optional<Bytes> encodeOggOpus(const PcmBuffer& pcm, int bitsPerSecond = 32000);
 
