@@ -16,7 +16,6 @@
 
 namespace kelvo {
 
-enum class AudioFormat : int { wav, mp3, opus, flac, pcm };
 inline constexpr AudioFormat allAudioFormats[] = {AudioFormat::mp3, AudioFormat::opus, AudioFormat::flac,
                                                   AudioFormat::wav, AudioFormat::pcm};
 

@@ -44,17 +44,26 @@ bool isPlainWavName(std::string_view name) {
          name.find('\0') == std::string_view::npos;
 }
 
-// Calls `visit` with the name of every regular file with a plain ".wav" name
-// directly inside `dir`. Links and folders are left out, so no entry can lead
-// outside the directory. readdir rather than std::filesystem: at 100,000 files
-// a path object per name is a visible part of the start.
+// The same for an encoded variant of a line: its extension names the format.
+bool isPlainVariantName(std::string_view name) {
+  if (name.find('/') != std::string_view::npos || name.find('\0') != std::string_view::npos) return false;
+  for (const std::string_view suffix : {".mp3", ".opus", ".flac", ".pcm"}) {
+    if (name.size() > suffix.size() && name.ends_with(suffix)) return true;
+  }
+  return false;
+}
+
+// Calls `visit` with the name of every regular file directly inside `dir`
+// whose name passes `wanted`. Links and folders are left out, so no entry can
+// lead outside the directory. readdir rather than std::filesystem: at 100,000
+// files a path object per name is a visible part of the start.
 template <typename Visit>
-void forEachWavFile(const std::string& dir, Visit&& visit) {
+void forEachFile(const std::string& dir, bool (*wanted)(std::string_view), Visit&& visit) {
   DIR* folder = ::opendir(dir.c_str());
   if (folder == nullptr) return;
   while (const dirent* e = ::readdir(folder)) {
     const std::string_view name = e->d_name;
-    if (!isPlainWavName(name)) continue;
+    if (!wanted(name)) continue;
     bool regular = e->d_type == DT_REG;
     if (e->d_type == DT_UNKNOWN) {  // file systems that do not say; ask without following links
       struct stat st {};
@@ -67,6 +76,13 @@ void forEachWavFile(const std::string& dir, Visit&& visit) {
 
 // True when the file is gone, whether deleted now or never there.
 bool deleteFile(const std::string& path) { return ::unlink(path.c_str()) == 0 || errno == ENOENT; }
+
+// What an entry takes on disk: its WAV and every variant.
+std::int64_t footprint(const CacheEntry& e) {
+  std::int64_t total = e.bytes;
+  for (const auto& [name, size] : e.variants) total += size;
+  return total;
+}
 
 // ---- Index reading ----------------------------------------------------------
 // The index is parsed with simdjson: nlohmann needs about a second for 100,000
@@ -132,6 +148,13 @@ std::optional<CacheEntry> entryFrom(sj::object fields) {
       e.durationMs = intValue(name, field.value);
     } else if (name == "bytes") {
       e.bytes = std::clamp<std::int64_t>(intValue(name, field.value), 0, kMaxWavBytes);
+    } else if (name == "variants") {
+      sj::object variants;
+      if (field.value.get_object().get(variants) != simdjson::SUCCESS) continue;
+      for (const auto variant : variants) {
+        const std::int64_t size = std::clamp<std::int64_t>(intValue(variant.key, variant.value), 0, kMaxWavBytes);
+        if (isPlainVariantName(variant.key)) e.variants[std::string(variant.key)] = size;
+      }
     }
   }
   if (!isPlainWavName(e.fileName)) return std::nullopt;
@@ -167,6 +190,7 @@ Bytes indexBytes(const std::vector<std::pair<std::string, CacheEntry>>& entries)
                  {"text", e.text},         {"language", e.language},
                  {"speed", jsonNumber(e.speed, 3)}, {"sampleRate", e.sampleRate},
                  {"durationMs", e.durationMs},      {"bytes", e.bytes}};
+    if (!e.variants.empty()) root[key]["variants"] = e.variants;
   }
   return jsonData(root, false);
 }
@@ -232,7 +256,7 @@ WavCache::WavCache(std::string dir, std::int64_t budgetBytes)
   // the lookups then meet the entries in the order they were allocated in.
   const Listing listing = std::async([dir = dir_] {
                             std::vector<std::string> names;
-                            forEachWavFile(dir, [&names](std::string_view name) { names.emplace_back(name); });
+                            forEachFile(dir, isPlainWavName, [&names](std::string_view name) { names.emplace_back(name); });
                             std::sort(names.begin(), names.end());
                             return names;
                           }).share();
@@ -303,7 +327,12 @@ bool WavCache::loadIndex(const std::string& path, const Listing& listing, std::v
       continue;
     }
     it->second.stamp = ++clock_;
-    bytes_ += it->second.bytes;
+    // Variants are few and optional: one whose file is gone is simply forgotten.
+    std::erase_if(it->second.variants, [this](const auto& variant) {
+      std::error_code ec;
+      return static_cast<std::int64_t>(fs::file_size(dir_ + variant.first, ec)) != variant.second || ec;
+    });
+    bytes_ += footprint(it->second);
     ++claimed;
   }
   if (claimed == 0) {
@@ -335,12 +364,11 @@ void WavCache::adoptOrphans(const std::vector<std::string>& orphans) {
   AppLog::info(kSource, "adopted " + std::to_string(adopted) + " cached clip(s) that the index did not know about");
 }
 
-std::optional<TtsResult> WavCache::tryGet(const std::string& key) {
-  auto found = fetch(key, true);
-  if (!found) return std::nullopt;
-  auto& [entry, wav] = *found;
+namespace {
+
+TtsResult hitFrom(const std::string& key, CacheEntry& entry, Bytes audio) {
   TtsResult result;
-  result.wav = std::move(wav);
+  result.wav = std::move(audio);
   result.sampleRate = entry.sampleRate;
   result.durationMs = entry.durationMs;
   result.voiceId = std::move(entry.voiceId);
@@ -349,6 +377,68 @@ std::optional<TtsResult> WavCache::tryGet(const std::string& key) {
   result.etag = key;
   result.fromCache = true;
   return result;
+}
+
+}  // namespace
+
+std::optional<TtsResult> WavCache::tryGet(const std::string& key) {
+  auto found = fetch(key, true);
+  if (!found) return std::nullopt;
+  return hitFrom(key, found->first, std::move(found->second));
+}
+
+std::optional<TtsResult> WavCache::tryGetVariant(const std::string& key, const std::string& name) {
+  if (!enabled_) return std::nullopt;
+  CacheEntry entry;
+  std::int64_t size = 0;
+  {
+    std::lock_guard guard(lock_);
+    const auto it = items_.find(key);
+    if (it == items_.end()) return std::nullopt;
+    const auto variant = it->second.variants.find(name);
+    if (variant == it->second.variants.end()) return std::nullopt;
+    size = variant->second;
+    it->second.stamp = ++clock_;
+    ++hits_;
+    entry = it->second;
+  }
+  auto audio = readFile(dir_ + name);
+  if (audio && static_cast<std::int64_t>(audio->size()) == size) return hitFrom(key, entry, std::move(*audio));
+  {
+    // The line itself is still good; only this form is encoded again.
+    std::lock_guard guard(lock_);
+    const auto it = items_.find(key);
+    if (it != items_.end() && it->second.variants.erase(name) > 0) {
+      bytes_ -= size;
+      dirty_ = true;
+    }
+  }
+  AppLog::warn(kSource, "cannot read cached variant (" + name + "), encoding it again");
+  return std::nullopt;
+}
+
+void WavCache::putVariant(const std::string& key, const std::string& name, std::span<const std::uint8_t> bytes) {
+  if (!enabled_ || !isPlainVariantName(name) || !contains(key)) return;
+  const std::string path = dir_ + name;
+  if (const auto ec = writeFileAtomic(path, bytes)) {
+    AppLog::warn(kSource, "cannot write cache to " + path + ": " + ec.message());
+    return;
+  }
+  {
+    std::lock_guard guard(lock_);
+    const auto it = items_.find(key);
+    // Evicted or cleared while the file was written: it must not stay behind.
+    if (it == items_.end()) {
+      deleteFile(path);
+      return;
+    }
+    std::int64_t& size = it->second.variants[name];
+    bytes_ += static_cast<std::int64_t>(bytes.size()) - size;
+    size = static_cast<std::int64_t>(bytes.size());
+    dirty_ = true;
+    evictLocked();
+  }
+  saveIndex(false);
 }
 
 std::optional<Bytes> WavCache::readAudio(const std::string& key) {
@@ -442,7 +532,9 @@ void WavCache::clear() {
   // Files first: a line stored meanwhile at worst leaves a file that comes back
   // as an orphan, never an entry without its file.
   std::vector<std::string> names;
-  forEachWavFile(dir_, [&names](std::string_view name) { names.emplace_back(name); });
+  const auto collect = [&names](std::string_view name) { names.emplace_back(name); };
+  forEachFile(dir_, isPlainWavName, collect);
+  forEachFile(dir_, isPlainVariantName, collect);
   std::size_t failed = 0;
   for (const auto& name : names) {
     if (!deleteFile(dir_ + name)) ++failed;
@@ -505,16 +597,23 @@ bool WavCache::isEnabled() const { return enabled_; }
 
 void WavCache::insertLocked(const std::string& key, CacheEntry entry) {
   entry.stamp = ++clock_;
-  bytes_ += entry.bytes;
+  bytes_ += footprint(entry);
   const auto [it, inserted] = items_.try_emplace(key);
-  // A replaced line's file was just overwritten under the same name: only its bytes go.
-  if (!inserted) bytes_ -= it->second.bytes;
+  // A replaced line's file was just overwritten under the same name: only its
+  // bytes go; its encoded forms were made from the old audio and go entirely.
+  if (!inserted) {
+    bytes_ -= footprint(it->second);
+    for (const auto& [name, size] : it->second.variants) {
+      if (!entry.variants.contains(name)) deleteFile(dir_ + name);
+    }
+  }
   it->second = std::move(entry);
 }
 
 void WavCache::eraseLocked(Items::iterator it) {
-  bytes_ -= it->second.bytes;
+  bytes_ -= footprint(it->second);
   deleteFile(dir_ + it->second.fileName);
+  for (const auto& [name, size] : it->second.variants) deleteFile(dir_ + name);
   items_.erase(it);
   dirty_ = true;
 }

@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdint>
 #include <future>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -51,6 +52,10 @@ struct CacheEntry {
   std::int64_t durationMs = 0;
   std::int64_t bytes = 0;  // size of the WAV file
   std::int64_t stamp = 0;  // cache clock at the last use; larger is more recent; not stored
+  // Encoded forms of the line stored beside the WAV, file name -> size. They
+  // belong to the entry: counted in the cache's size, evicted, replaced and
+  // removed with it.
+  std::map<std::string, std::int64_t> variants;
 };
 
 struct CacheStats {
@@ -91,6 +96,17 @@ class WavCache {
   // Whether `tryGet` would find an entry; no counter changes.
   bool contains(const std::string& key) const;
 
+  // The entry's stored variant `name` (an encoded form, see putVariant) as a
+  // hit like tryGet's, its bytes in `wav`; absent, and nothing counted, when
+  // the entry or the variant is not there. A variant file that is gone or has
+  // the wrong size is dropped from the entry.
+  std::optional<TtsResult> tryGetVariant(const std::string& key, const std::string& name);
+  // Stores `bytes` as the file `name` beside the entry's WAV and counts it in
+  // the cache's size (evicting down to the budget). Does nothing when disabled,
+  // when `key` has no entry, or for a name that is not a plain file name with
+  // an encoded-audio extension (".mp3", ".opus", ".flac", ".pcm").
+  void putVariant(const std::string& key, const std::string& name, std::span<const std::uint8_t> bytes);
+
   // Stores `result.wav` as "<key>.wav" and indexes it with `text`, replacing an
   // older entry of the key, then evicts down to the budget. Does nothing when
   // disabled or the audio is empty; a failed write is logged and stores nothing.
@@ -98,7 +114,7 @@ class WavCache {
   void put(const std::string& key, const TtsResult& result, const std::string& text);
   // Drops one entry and deletes its file.
   void remove(const std::string& key);
-  // Deletes every WAV file in the directory and empties the index.
+  // Deletes every WAV file and variant in the directory and empties the index.
   void clear();
 
   CacheStats stats() const;

@@ -10,7 +10,6 @@
 #include "KELVOCore/Log.h"
 #include "KELVOCore/SelfCheck.h"
 #include "KELVOCore/Version.h"
-#include "KELVOCore/Wav.h"
 
 namespace kelvo {
 
@@ -69,12 +68,6 @@ HttpResponse errorFor(const TtsError& e) {
   return HttpResponse::error(e.httpStatus(), errorName(e.code), e.message);
 }
 
-Bytes encodeWav(AudioFormat format, const Bytes& wav) {
-  const std::optional<PcmBuffer> pcm = parseWav(wav);
-  std::optional<Bytes> encoded = pcm ? encodeAudio(format, *pcm) : std::nullopt;
-  if (!encoded) throw TtsError(TtsErrorCode::engineFailed, TF("无法把音频编码为 %s", std::string(code(format))));
-  return std::move(*encoded);
-}
 
 }  // namespace
 
@@ -330,25 +323,24 @@ HttpResponse TtsHttpService::speak(const HttpRequest& request, const TtsRequest&
 
   HttpResponse response;
   try {
-    const TtsResult result = service_->synthesize(tts);
+    const TtsResult result = service_->synthesize(tts, format);
     log.voice = result.voiceId;
     log.audioMs = result.durationMs;
     log.cacheHit = result.fromCache;
-    const std::string etag = variantTag(result.etag, format);
-    if (etagMatches(request.header("if-none-match"), etag)) {
+    if (etagMatches(request.header("if-none-match"), result.etag)) {
       response.status = 304;
-      response.headers = {{"ETag", etag}, {"X-KELVO-Result", "ok"}};
+      response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
     } else {
-      response.headers = {{"Content-Type", std::string(contentType(format))},
-                          {"ETag", etag},
+      response.headers = {{"Content-Type", std::string(contentType(result.format))},
+                          {"ETag", result.etag},
                           {"X-KELVO-Result", "ok"},
                           {"X-KELVO-Engine", result.engine},
                           {"X-KELVO-Voice", result.voiceId},
-                          {"X-KELVO-Sample-Rate", std::to_string(deliveredSampleRate(format, result.sampleRate))},
+                          {"X-KELVO-Sample-Rate", std::to_string(deliveredSampleRate(result.format, result.sampleRate))},
                           {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
                           {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
                           {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
-      response.body = format == AudioFormat::wav ? result.wav : encodeWav(format, result.wav);
+      response.body = result.wav;
     }
   } catch (const TtsError& e) {
     response = errorFor(e);

@@ -141,7 +141,7 @@ TtsService::~TtsService() {
 
 // ---- The pipeline --------------------------------------------------------------------------
 
-TtsResult TtsService::synthesize(TtsRequest request) {
+TtsResult TtsService::synthesize(TtsRequest request, AudioFormat format) {
   normalizeRequest(request);
   if (request.text.empty()) throw TtsError(TtsErrorCode::emptyText, T("没有要合成的文字"));
   const std::int64_t length = characterCount(request.text);
@@ -154,8 +154,18 @@ TtsResult TtsService::synthesize(TtsRequest request) {
   if (request.style.empty()) request.style = voice.style;
 
   const Plan route = plan(request, voice);
+  const bool retimed = !route.nativeSpeed && needsRetiming(request.speed);
+  if (format != AudioFormat::wav && !retimed) {
+    if (auto hit = cache().tryGetVariant(route.key, variantTag(route.key, format))) {
+      hit->etag = variantTag(route.key, format);
+      hit->format = format;
+      countRequest(false);
+      return std::move(*hit);
+    }
+  }
   if (auto hit = cache().tryGet(route.key)) {
-    if (!route.nativeSpeed && retimeFromCache(*hit, request.speed)) hit->etag = route.etag;
+    if (retimed && retimeFromCache(*hit, request.speed)) hit->etag = route.etag;
+    deliverAs(*hit, format, retimed ? std::string() : route.key);
     countRequest(false);
     return std::move(*hit);
   }
@@ -165,7 +175,20 @@ TtsResult TtsService::synthesize(TtsRequest request) {
     throw TtsError(TtsErrorCode::engineNotConnected,
                    T("模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"));
   }
-  return synthesizeFresh(request, voice, route);
+  TtsResult fresh = synthesizeFresh(request, voice, route);
+  deliverAs(fresh, format, retimed ? std::string() : route.key);
+  return fresh;
+}
+
+void TtsService::deliverAs(TtsResult& result, AudioFormat format, const std::string& variantOwner) const {
+  if (format == AudioFormat::wav) return;
+  const std::optional<PcmBuffer> pcm = parseWav(result.wav);
+  std::optional<Bytes> encoded = pcm ? encodeAudio(format, *pcm) : std::nullopt;
+  if (!encoded) throw TtsError(TtsErrorCode::engineFailed, TF("无法把音频编码为 %s", std::string(code(format))));
+  result.wav = std::move(*encoded);
+  result.format = format;
+  result.etag = variantTag(result.etag, format);
+  if (!variantOwner.empty()) cache().putVariant(variantOwner, result.etag, result.wav);
 }
 
 VoiceInfo TtsService::requireVoice(const TtsRequest& request) {

@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "KELVOCore/AudioFormat.h"
 #include "KELVOCore/Cache.h"
 #include "KELVOCore/Config.h"
 #include "KELVOCore/EngineS2Local.h"
@@ -91,7 +92,11 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // for audio retimed here (speed more than 0.01 from 1 without native speed),
   // which carries the tag of its own speed. Throws TtsError; errors of the voice
   // resolver and the queue pass unchanged.
-  TtsResult synthesize(TtsRequest request);
+  // In another `format` than WAV, `wav` holds the encoded audio and `etag` its
+  // variantTag. The encoding is stored beside the cached line and served from
+  // there next time, so a repeat costs no encoding; retimed audio is encoded
+  // afresh each time (it is made afresh each time anyway).
+  TtsResult synthesize(TtsRequest request, AudioFormat format = AudioFormat::wav);
   // The placeholder while the real engine is missing, else the real engine.
   std::shared_ptr<TtsEngine> activeEngine();
   // (key, etag): the cache entry and the client-visible tag; equal with native speed.
@@ -150,6 +155,10 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
                                               const std::string& engineName, TtsSpeedMode mode,
                                               std::int64_t targetRate, bool nativeSpeed) const;
   TtsResult synthesizeFresh(const TtsRequest& request, const VoiceInfo& voice, const Plan& plan);
+  // Encodes `result` (a WAV) into `format` in place and, with a `variantOwner`
+  // key, stores the encoding beside that entry. Throws TtsError(engineFailed)
+  // when the audio cannot be encoded.
+  void deliverAs(TtsResult& result, AudioFormat format, const std::string& variantOwner) const;
   void countRequest(bool failed);
 
   Parts parts_;
