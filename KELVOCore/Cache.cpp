@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <future>
 
+#include <pthread.h>
 #include <simdjson.h>
 
 #include "KELVOCore/Files.h"
@@ -82,6 +83,15 @@ std::int64_t footprint(const CacheEntry& e) {
   std::int64_t total = e.bytes;
   for (const auto& [name, size] : e.variants) total += size;
   return total;
+}
+
+// The facts of a hit as the index knows them.
+void describe(const CacheEntry& entry, TtsResult& result) {
+  result.sampleRate = entry.sampleRate;
+  result.durationMs = entry.durationMs;
+  result.voiceId = entry.voiceId;
+  result.language = entry.language;
+  result.speed = entry.speed;
 }
 
 // ---- Index reading ----------------------------------------------------------
@@ -229,8 +239,14 @@ std::string makeCacheKey(const TtsRequest& request, const VoiceInfo& voice, std:
                                std::to_string(request.seed),
                                request.style,
                                request.effectiveText()};
-  std::string joined = parts[0];
-  for (std::size_t i = 1; i < std::size(parts); ++i) joined += "|" + parts[i];
+  std::size_t length = std::size(parts);
+  for (const std::string& part : parts) length += part.size();
+  std::string joined;
+  joined.reserve(length);
+  for (const std::string& part : parts) {
+    if (&part != parts) joined += '|';
+    joined += part;
+  }
   return sha256Utf8(joined);
 }
 
@@ -246,8 +262,17 @@ std::optional<std::vector<std::pair<std::string, CacheEntry>>> parseCacheIndex(s
 
 // ---- WavCache -----------------------------------------------------------------
 
-WavCache::WavCache(std::string dir, std::int64_t budgetBytes)
-    : dir_(KELVOPaths::withSlash(std::move(dir))), budget_(std::max<std::int64_t>(budgetBytes, 0)) {
+std::int64_t DiskFloor::deficit(const std::string& dir, std::int64_t incoming) const {
+  const std::optional<DiskSpace> space = query_ ? query_(dir) : std::nullopt;
+  if (!space) return 0;
+  const auto floor = static_cast<std::int64_t>(std::min(maxFloorBytes, space->total / 100 * floorPercent));
+  const auto available = static_cast<std::int64_t>(std::min<std::uint64_t>(space->available, INT64_MAX / 2));
+  return std::max<std::int64_t>(0, floor + incoming - available);
+}
+
+WavCache::WavCache(std::string dir, std::int64_t budgetBytes, DiskFloor floor)
+    : dir_(KELVOPaths::withSlash(std::move(dir))), budget_(std::max<std::int64_t>(budgetBytes, 0)),
+      floor_(std::move(floor)) {
   std::error_code ignored;
   fs::create_directories(dir_, ignored);
   // Listing a large directory is mostly kernel time and needs nothing from the
@@ -274,9 +299,19 @@ WavCache::WavCache(std::string dir, std::int64_t budgetBytes)
   adoptOrphans(orphans);
   AppLog::info(kSource, formatText("cache loaded: %zu entries / %.1f MB from %s", items_.size(),
                                    static_cast<double>(bytes_) / 1048576.0, dir_));
+  writer_ = std::thread([this] {
+    pthread_setname_np(pthread_self(), "KELVO cache io");
+    writerLoop();
+  });
 }
 
 WavCache::~WavCache() {
+  {
+    std::lock_guard guard(lock_);
+    stopping_ = true;
+  }
+  writeWake_.notify_all();
+  writer_.join();
   bool dirty = false;
   {
     std::lock_guard guard(lock_);
@@ -364,61 +399,114 @@ void WavCache::adoptOrphans(const std::vector<std::string>& orphans) {
   AppLog::info(kSource, "adopted " + std::to_string(adopted) + " cached clip(s) that the index did not know about");
 }
 
-namespace {
-
-TtsResult hitFrom(const std::string& key, CacheEntry& entry, Bytes audio) {
-  TtsResult result;
-  result.wav = std::move(audio);
-  result.sampleRate = entry.sampleRate;
-  result.durationMs = entry.durationMs;
-  result.voiceId = std::move(entry.voiceId);
-  result.language = std::move(entry.language);
-  result.speed = entry.speed;
-  result.etag = key;
-  result.fromCache = true;
-  return result;
-}
-
-}  // namespace
-
 std::optional<TtsResult> WavCache::tryGet(const std::string& key) {
-  auto found = fetch(key, true);
-  if (!found) return std::nullopt;
-  return hitFrom(key, found->first, std::move(found->second));
+  auto hit = find(key, true, true);
+  if (!hit) return std::nullopt;
+  if (hit->file.isOpen()) {
+    auto wav = hit->file.readAll();
+    if (!wav) return std::nullopt;  // shrank after it was opened: only a hand can do that
+    hit->result.wav = std::move(*wav);
+  }
+  return std::move(hit->result);
 }
 
-std::optional<TtsResult> WavCache::tryGetVariant(const std::string& key, const std::string& name) {
+std::optional<CacheHit> WavCache::lookup(const std::string& key, bool openFile) { return find(key, true, openFile); }
+
+std::optional<Bytes> WavCache::readAudio(const std::string& key) {
+  auto hit = find(key, false, true);
+  if (!hit) return std::nullopt;
+  if (!hit->file.isOpen()) return std::move(hit->result.wav);
+  return hit->file.readAll();
+}
+
+std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bool openFile) {
   if (!enabled_) return std::nullopt;
-  CacheEntry entry;
-  std::int64_t size = 0;
+  CacheHit hit;
+  std::string damaged;
+  std::shared_ptr<const Pending> waiting;
+  {
+    std::lock_guard guard(lock_);
+    const auto pending = pending_.empty() ? pending_.end() : pending_.find(key);
+    const auto it = pending != pending_.end() ? items_.end() : items_.find(key);
+    if (pending != pending_.end()) {
+      waiting = pending->second;
+    } else if (it == items_.end()) {
+      if (countUse) ++misses_;
+      return std::nullopt;
+    } else if (openFile) {
+      // Opened under the lock: eviction unlinks under it too, so the handle is
+      // always the clip this entry describes, and stays readable after an unlink.
+      std::optional<OpenFile> file = OpenFile::open(dir_ + it->second.fileName);
+      if (!file || static_cast<std::int64_t>(file->size()) != it->second.bytes) {
+        damaged = it->second.fileName;
+        eraseLocked(it);
+        if (countUse) ++misses_;
+      } else {
+        hit.file = std::move(*file);
+      }
+    }
+    if (damaged.empty()) {
+      if (countUse) ++hits_;
+      if (!waiting) {
+        if (countUse) it->second.stamp = ++clock_;
+        describe(it->second, hit.result);
+      }
+    }
+  }
+  if (!damaged.empty()) {
+    AppLog::warn(kSource, "cannot read cache file (" + damaged + "), dropping the entry");
+    return std::nullopt;
+  }
+  // A line still on its way to the disk is copied without the lock: it is half a megabyte.
+  if (waiting) hit.result = waiting->result;
+  hit.result.etag = key;
+  hit.result.fromCache = true;
+  return hit;
+}
+
+std::optional<CacheHit> WavCache::lookupVariant(const std::string& key, const std::string& name) {
+  if (!enabled_) return std::nullopt;
+  CacheHit hit;
   {
     std::lock_guard guard(lock_);
     const auto it = items_.find(key);
     if (it == items_.end()) return std::nullopt;
     const auto variant = it->second.variants.find(name);
     if (variant == it->second.variants.end()) return std::nullopt;
-    size = variant->second;
-    it->second.stamp = ++clock_;
-    ++hits_;
-    entry = it->second;
-  }
-  auto audio = readFile(dir_ + name);
-  if (audio && static_cast<std::int64_t>(audio->size()) == size) return hitFrom(key, entry, std::move(*audio));
-  {
-    // The line itself is still good; only this form is encoded again.
-    std::lock_guard guard(lock_);
-    const auto it = items_.find(key);
-    if (it != items_.end() && it->second.variants.erase(name) > 0) {
-      bytes_ -= size;
+    // Opened under the lock for the same reason as the clip itself (find).
+    std::optional<OpenFile> file = OpenFile::open(dir_ + name);
+    if (file && static_cast<std::int64_t>(file->size()) == variant->second) {
+      hit.file = std::move(*file);
+      it->second.stamp = ++clock_;
+      ++hits_;
+      describe(it->second, hit.result);
+    } else {
+      // The line itself is still good; only this form is encoded again.
+      bytes_ -= variant->second;
+      it->second.variants.erase(variant);
       dirty_ = true;
     }
   }
-  AppLog::warn(kSource, "cannot read cached variant (" + name + "), encoding it again");
-  return std::nullopt;
+  if (!hit.file.isOpen()) {
+    AppLog::warn(kSource, "cannot read cached variant (" + name + "), encoding it again");
+    return std::nullopt;
+  }
+  hit.result.etag = key;
+  hit.result.fromCache = true;
+  return hit;
 }
 
 void WavCache::putVariant(const std::string& key, const std::string& name, std::span<const std::uint8_t> bytes) {
-  if (!enabled_ || !isPlainVariantName(name) || !contains(key)) return;
+  if (!enabled_ || !isPlainVariantName(name)) return;
+  {
+    std::unique_lock guard(lock_);
+    // A fresh line is still with the writer thread; its variants follow it.
+    writeDone_.wait(guard, [&] { return !pending_.contains(key); });
+    if (!items_.contains(key)) return;
+  }
+  const auto size = static_cast<std::int64_t>(bytes.size());
+  // A variant never pushes out lines for the free-space floor: it is only a convenience.
+  if (floor_.deficit(dir_, size) > 0) return;
   const std::string path = dir_ + name;
   if (const auto ec = writeFileAtomic(path, bytes)) {
     AppLog::warn(kSource, "cannot write cache to " + path + ": " + ec.message());
@@ -432,75 +520,117 @@ void WavCache::putVariant(const std::string& key, const std::string& name, std::
       deleteFile(path);
       return;
     }
-    std::int64_t& size = it->second.variants[name];
-    bytes_ += static_cast<std::int64_t>(bytes.size()) - size;
-    size = static_cast<std::int64_t>(bytes.size());
+    std::int64_t& stored = it->second.variants[name];
+    bytes_ += size - stored;
+    stored = size;
     dirty_ = true;
-    evictLocked();
+    evictLocked(0);
   }
   saveIndex(false);
 }
 
-std::optional<Bytes> WavCache::readAudio(const std::string& key) {
-  auto found = fetch(key, false);
-  if (!found) return std::nullopt;
-  return std::move(found->second);
-}
-
-std::optional<std::pair<CacheEntry, Bytes>> WavCache::fetch(const std::string& key, bool countUse) {
-  if (!enabled_) return std::nullopt;
-  CacheEntry entry;
-  {
-    std::lock_guard guard(lock_);
-    const auto it = items_.find(key);
-    if (it == items_.end()) {
-      if (countUse) ++misses_;
-      return std::nullopt;
-    }
-    if (countUse) {
-      it->second.stamp = ++clock_;
-      ++hits_;
-    }
-    entry = it->second;
-  }
-  // Read without the lock: other requests must not queue behind the disk.
-  auto wav = readFile(dir_ + entry.fileName);
-  if (!wav || static_cast<std::int64_t>(wav->size()) != entry.bytes) {
-    drop(key, entry);
-    return std::nullopt;
-  }
-  return std::pair{std::move(entry), std::move(*wav)};
-}
-
-void WavCache::drop(const std::string& key, const CacheEntry& seen) {
-  {
-    std::lock_guard guard(lock_);
-    const auto it = items_.find(key);
-    if (it == items_.end() || it->second.fileName != seen.fileName) return;
-    // The read may have fallen between an eviction and a put of the same line:
-    // keep the entry when its file is whole now.
-    std::error_code ec;
-    const auto size = fs::file_size(dir_ + seen.fileName, ec);
-    if (!ec && static_cast<std::int64_t>(size) == it->second.bytes) return;
-    eraseLocked(it);
-  }
-  AppLog::warn(kSource, "cannot read cache file (" + seen.fileName + "), dropping the entry");
+bool WavCache::hasVariant(const std::string& key, const std::string& name) const {
+  if (!enabled_) return false;
+  std::lock_guard guard(lock_);
+  const auto it = items_.find(key);
+  return it != items_.end() && it->second.variants.contains(name);
 }
 
 bool WavCache::contains(const std::string& key) const {
   if (!enabled_) return false;
   std::lock_guard guard(lock_);
-  return items_.contains(key);
+  return items_.contains(key) || pending_.contains(key);
 }
 
 void WavCache::put(const std::string& key, const TtsResult& result, const std::string& text) {
+  store(key, result, text, nullptr);
+}
+
+void WavCache::putLater(const std::string& key, TtsResult result, std::string text) {
+  if (!enabled_ || result.wav.empty() || !isPlainWavName(key + std::string(kWavSuffix))) return;
+  const auto size = static_cast<std::int64_t>(result.wav.size());
+  {
+    std::lock_guard guard(lock_);
+    if (!stopping_ && pendingBytes_ + size <= maxPendingBytes) {
+      auto& slot = pending_[key];
+      if (slot) pendingBytes_ -= static_cast<std::int64_t>(slot->result.wav.size());
+      slot = std::make_shared<const Pending>(Pending{std::move(result), std::move(text)});
+      pendingBytes_ += size;
+      writeOrder_.push_back(key);
+      ++writesInFlight_;
+      writeWake_.notify_one();
+      return;
+    }
+  }
+  // The disk is far behind: this caller waits for its own write.
+  store(key, result, text, nullptr);
+}
+
+void WavCache::flush() {
+  std::unique_lock guard(lock_);
+  writeDone_.wait(guard, [this] { return writesInFlight_ == 0; });
+}
+
+void WavCache::writerLoop() {
+  std::unique_lock guard(lock_);
+  for (;;) {
+    writeWake_.wait(guard, [this] { return stopping_ || !writeOrder_.empty(); });
+    if (writeOrder_.empty()) return;  // stopping, and everything written
+    const std::string key = std::move(writeOrder_.front());
+    writeOrder_.pop_front();
+    const auto it = pending_.find(key);
+    // Gone (removed, cleared) or already written by an earlier turn of the same key.
+    if (it != pending_.end()) {
+      const std::shared_ptr<const Pending> line = it->second;
+      if (items_.contains(key)) {
+        pendingBytes_ -= static_cast<std::int64_t>(line->result.wav.size());
+        pending_.erase(it);
+      } else {
+        guard.unlock();
+        store(key, line->result, line->text, line);
+        guard.lock();
+      }
+    }
+    --writesInFlight_;
+    writeDone_.notify_all();
+  }
+}
+
+void WavCache::store(const std::string& key, const TtsResult& result, const std::string& text,
+                     const std::shared_ptr<const Pending>& pending) {
   CacheEntry entry;
   entry.fileName = key + std::string(kWavSuffix);
-  if (!enabled_ || result.wav.empty() || !isPlainWavName(entry.fileName)) return;
+  const auto forget = [&] {
+    if (!pending) return;
+    std::lock_guard guard(lock_);
+    const auto it = pending_.find(key);
+    if (it == pending_.end() || it->second != pending) return;
+    pendingBytes_ -= static_cast<std::int64_t>(pending->result.wav.size());
+    pending_.erase(it);
+  };
+  if (!enabled_ || result.wav.empty() || !isPlainWavName(entry.fileName)) return forget();
+  entry.bytes = static_cast<std::int64_t>(result.wav.size());
+  // Room first: the floor holds whatever the budget, and a line that would
+  // break it even with every other line gone is not kept.
+  std::int64_t deficit = floor_.deficit(dir_, entry.bytes);
+  if (deficit > 0) {
+    {
+      std::lock_guard guard(lock_);
+      // Emptying the cache would not make room: keep what is there.
+      if (deficit <= bytes_) evictLocked(deficit);
+    }
+    saveIndex(false);
+    deficit = floor_.deficit(dir_, entry.bytes);
+    if (deficit > 0) {
+      AppLog::warn(kSource, "not caching " + entry.fileName + ": the disk is nearly full (" +
+                                std::to_string(deficit) + " bytes short of the free-space floor)");
+      return forget();
+    }
+  }
   const std::string path = dir_ + entry.fileName;
   if (const auto ec = writeFileAtomic(path, result.wav)) {
     AppLog::warn(kSource, "cannot write cache to " + path + ": " + ec.message());
-    return;
+    return forget();
   }
   entry.voiceId = result.voiceId;
   entry.text = text;
@@ -508,12 +638,21 @@ void WavCache::put(const std::string& key, const TtsResult& result, const std::s
   entry.speed = result.speed;
   entry.sampleRate = result.sampleRate;
   entry.durationMs = result.durationMs;
-  entry.bytes = static_cast<std::int64_t>(result.wav.size());
   {
     std::lock_guard guard(lock_);
+    if (pending) {
+      const auto it = pending_.find(key);
+      if (it == pending_.end() || it->second != pending) {
+        // Removed or cleared while it was being written.
+        deleteFile(path);
+        return;
+      }
+      pendingBytes_ -= entry.bytes;
+      pending_.erase(it);
+    }
     insertLocked(key, std::move(entry));
     dirty_ = true;
-    evictLocked();
+    evictLocked(0);
   }
   saveIndex(false);
 }
@@ -521,6 +660,10 @@ void WavCache::put(const std::string& key, const TtsResult& result, const std::s
 void WavCache::remove(const std::string& key) {
   {
     std::lock_guard guard(lock_);
+    if (const auto waiting = pending_.find(key); waiting != pending_.end()) {
+      pendingBytes_ -= static_cast<std::int64_t>(waiting->second->result.wav.size());
+      pending_.erase(waiting);
+    }
     const auto it = items_.find(key);
     if (it == items_.end()) return;
     eraseLocked(it);
@@ -542,6 +685,8 @@ void WavCache::clear() {
   {
     std::lock_guard guard(lock_);
     items_.clear();
+    pending_.clear();
+    pendingBytes_ = 0;
     bytes_ = 0;
     dirty_ = true;
   }
@@ -618,8 +763,9 @@ void WavCache::eraseLocked(Items::iterator it) {
   dirty_ = true;
 }
 
-void WavCache::evictLocked() {
-  if (budget_ < 1 || bytes_ <= budget_) return;
+void WavCache::evictLocked(std::int64_t diskDeficit) {
+  const auto overBudget = [this] { return budget_ >= 1 && bytes_ > budget_; };
+  if (!overBudget() && diskDeficit <= 0) return;
   std::vector<std::pair<std::int64_t, const std::string*>> order;
   order.reserve(items_.size());
   for (const auto& [key, entry] : items_) order.emplace_back(entry.stamp, &key);
@@ -627,10 +773,11 @@ void WavCache::evictLocked() {
   // the many that stay.
   const auto moreRecent = [](const auto& a, const auto& b) { return a.first > b.first; };
   std::make_heap(order.begin(), order.end(), moreRecent);
-  while (bytes_ > budget_ && !order.empty()) {
+  while ((overBudget() || diskDeficit > 0) && !order.empty()) {
     std::pop_heap(order.begin(), order.end(), moreRecent);
     const auto it = items_.find(*order.back().second);
     order.pop_back();
+    diskDeficit -= it->second.bytes;
     eraseLocked(it);
     ++evictions_;
   }

@@ -12,6 +12,9 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstring>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "KELVOCore/Files.h"
@@ -58,6 +61,78 @@ struct SpawnSetup {
     return rc;
   }
 };
+
+// One address column of /proc/net/tcp(6): the kernel prints each 32-bit word
+// of the address as the hexadecimal value of the word in memory, so copying
+// the parsed words back gives the address in network order on any host.
+bool reachedFromLoopback(std::string_view hex) {
+  if (hex.size() != 8 && hex.size() != 32) return false;
+  std::uint32_t words[4] = {};
+  for (std::size_t i = 0; i < hex.size() / 8; ++i) {
+    const char* first = hex.data() + i * 8;
+    if (std::from_chars(first, first + 8, words[i], 16).ec != std::errc()) return false;
+  }
+  const std::uint32_t loopback = htonl(INADDR_LOOPBACK);
+  if (hex.size() == 8) return words[0] == loopback || words[0] == INADDR_ANY;
+  in6_addr address;
+  std::memcpy(&address, words, sizeof address);
+  if (IN6_IS_ADDR_UNSPECIFIED(&address)) return true;
+  return IN6_IS_ADDR_V4MAPPED(&address) && (words[3] == loopback || words[3] == INADDR_ANY);
+}
+
+// Inodes of the sockets listening on `port` in one /proc/net table that a
+// connect to 127.0.0.1 reaches.
+void listeningInodes(const std::string& table, std::int64_t port, std::set<std::uint64_t>& out) {
+  const auto bytes = readFile(table);
+  if (!bytes) return;
+  std::istringstream lines(std::string(bytes->begin(), bytes->end()));
+  std::string line;
+  std::getline(lines, line);  // column titles
+  while (std::getline(lines, line)) {
+    std::istringstream fields(line);
+    std::string slot, local, remote, state, queues, timer, retransmits, uid, timeout;
+    std::uint64_t inode = 0;
+    if (!(fields >> slot >> local >> remote >> state >> queues >> timer >> retransmits >> uid >> timeout >> inode)) {
+      continue;
+    }
+    const std::size_t colon = local.find(':');
+    std::int64_t localPort = -1;
+    if (state != "0A" || colon == std::string::npos) continue;  // 0A: TCP_LISTEN
+    std::from_chars(local.data() + colon + 1, local.data() + local.size(), localPort, 16);
+    if (localPort == port && reachedFromLoopback(std::string_view(local).substr(0, colon))) out.insert(inode);
+  }
+}
+
+// `root` and every process descending from it.
+std::set<pid_t> processTree(pid_t root) {
+  const std::vector<ProcessEntry> all = listProcesses();
+  std::set<pid_t> tree{root};
+  for (std::size_t before = 0; before != tree.size();) {
+    before = tree.size();
+    for (const ProcessEntry& p : all) {
+      if (tree.contains(p.ppid)) tree.insert(p.pid);
+    }
+  }
+  return tree;
+}
+
+// Removes from `inodes` every socket that process `pid` holds open.
+void dropSocketsOf(pid_t pid, std::set<std::uint64_t>& inodes) {
+  const std::string dir = "/proc/" + std::to_string(pid) + "/fd/";
+  DIR* fds = ::opendir(dir.c_str());
+  if (fds == nullptr) return;
+  while (const dirent* e = ::readdir(fds)) {
+    char target[64];
+    const ssize_t n = ::readlinkat(::dirfd(fds), e->d_name, target, sizeof target - 1);
+    if (n <= 0) continue;
+    const std::string_view link(target, static_cast<std::size_t>(n));
+    if (!link.starts_with("socket:[")) continue;
+    std::uint64_t inode = 0;
+    std::from_chars(link.data() + 8, link.data() + link.size(), inode);
+    inodes.erase(inode);
+  }
+  ::closedir(fds);
+}
 
 ChildExit exitFrom(int status) {
   if (WIFSIGNALED(status)) return {WTERMSIG(status), true};
@@ -194,6 +269,12 @@ std::optional<ProcessEntry> readProcess(pid_t pid) {
   return entry;
 }
 
+bool processAlive(pid_t pid) {
+  if (pid <= 0 || (::kill(pid, 0) != 0 && errno != EPERM)) return false;
+  const auto entry = readProcess(pid);
+  return !entry || entry->state != 'Z';  // /proc may hide other users' processes
+}
+
 std::vector<ProcessEntry> listProcesses() {
   std::vector<ProcessEntry> out;
   DIR* proc = ::opendir("/proc");
@@ -225,6 +306,17 @@ PortProbe probeLoopback(std::int64_t port, std::chrono::milliseconds sendTimeout
   const bool connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
   ::close(fd);
   return connected ? PortProbe::accepts : PortProbe::refused;
+}
+
+PortHolder loopbackListener(std::int64_t port, pid_t root) {
+  std::set<std::uint64_t> inodes;
+  listeningInodes("/proc/net/tcp", port, inodes);
+  listeningInodes("/proc/net/tcp6", port, inodes);
+  if (inodes.empty()) return PortHolder::nobody;
+  if (root > 0) {
+    for (const pid_t pid : processTree(root)) dropSocketsOf(pid, inodes);
+  }
+  return inodes.empty() ? PortHolder::tree : PortHolder::other;
 }
 
 }  // namespace kelvo

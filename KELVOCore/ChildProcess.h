@@ -9,7 +9,9 @@
 // reaps the child, so a signal can never reach a recycled pid, and a child is
 // always reaped by the time its last owner lets go: no zombie outlives it.
 // Cost: a poll is one waitid() call; a process-table scan reads two small files
-// per process (about 1 ms for a few hundred processes).
+// per process (about 1 ms for a few hundred processes); a listener look adds
+// the kernel's TCP tables, which grow with every socket on the machine (about
+// 8 ms of CPU with 1,100 open connections), and one process tree's descriptors.
 #pragma once
 
 #include <sys/types.h>
@@ -88,6 +90,9 @@ struct ProcessEntry {
 std::vector<ProcessEntry> listProcesses();
 // One process; absent when it does not exist (any more).
 std::optional<ProcessEntry> readProcess(pid_t pid);
+// Whether a process with this pid runs (a zombie has ended), also when it
+// belongs to another user. A recycled pid reads as alive.
+bool processAlive(pid_t pid);
 // SIGKILL to one process that is not a child of ours; true when it was sent.
 bool killProcess(pid_t pid);
 
@@ -95,5 +100,13 @@ enum class PortProbe { accepts, refused, noSocket };
 // A TCP connect to 127.0.0.1:`port` with `sendTimeout` as the socket's send
 // time-out, closed at once. noSocket when no socket could even be created.
 PortProbe probeLoopback(std::int64_t port, std::chrono::milliseconds sendTimeout);
+
+enum class PortHolder { nobody, tree, other };
+// Who holds the listening TCP sockets on `port` that a connect to 127.0.0.1
+// reaches (bound to 127.0.0.1, 0.0.0.0, :: or their IPv4-mapped forms):
+// nobody; `tree` when every one of them is open in process `root` or one of its
+// descendants; `other` when at least one is not (another program's).
+// Reads /proc/net/tcp, /proc/net/tcp6 and the descriptor lists of root's tree.
+PortHolder loopbackListener(std::int64_t port, pid_t root);
 
 }  // namespace kelvo

@@ -146,7 +146,7 @@ PackSummary writePack(const std::string& path, BuiltPack built) {
 
 // ---- Import ---------------------------------------------------------------------------
 
-TtsError refusal(std::string message) { return TtsError(TtsErrorCode::badAudio, std::move(message)); }
+TtsError refusal(std::string message) { return TtsError(TtsErrorCode::badPack, std::move(message)); }
 
 TtsError cannotOpen(const ZipError& error) {
   return refusal(TF("无法打开这个文件(%s)。.cln 是一个 zip 包 - 是不是选错了文件?", error.description()));

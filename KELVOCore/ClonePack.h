@@ -15,9 +15,9 @@
 //
 // Thread-safe as far as VoiceLibrary and AppConfig are: both take their own
 // locks. Two imports at once may each add the same voice (under "-1" ids).
-// Cost: export reads and deflates every clip, import inflates, decodes and
-// stores every clip; both hold the whole archive in memory, import one voice's
-// clips besides.
+// Cost: export reads and deflates every clip and holds the whole archive in
+// memory; import inflates, decodes and stores every clip, and holds one voice's
+// clips besides the archive (none of it when importing from a file).
 #pragma once
 
 #include <cstdint>
@@ -80,10 +80,11 @@ PackSummary exportVoicePack(const std::string& path, const std::vector<std::stri
 // imported twice is added twice, the second time under "-1" ids) and sets its
 // bindings to them; a binding whose voice was skipped is dropped with a note.
 // Saves the configuration and the library at the end. Throws TtsError
-// (badAudio) with a localised message, before touching anything, when the bytes
+// (badPack) with a localised message, before touching anything, when the bytes
 // are not a zip archive, hold no readable manifest, or are not a clone pack.
 PackSummary importPack(std::span<const std::uint8_t> archive, VoiceLibrary& voices, AppConfig& config);
-// The same for the file at `path`; an unreadable file is refused likewise.
+// The same for the file at `path`, read one entry at a time; an unreadable
+// file is refused likewise.
 PackSummary importPack(const std::string& path, VoiceLibrary& voices, AppConfig& config);
 
 // A text that changes whenever what buildPack(airlineKeys, voiceIds, …) would

@@ -41,11 +41,13 @@ std::string shareText(const Json& share, std::string_view key) {
   return jStr(share, key);
 }
 
-std::map<std::string, std::string> bindingsFrom(const Json& section, std::string (*normalizeKey)(std::string_view)) {
+// In file order, so that of two keys that mean the same binding ("ual:en:f"
+// and "UAL:EN:female") the later one wins, whatever their spelling.
+std::map<std::string, std::string> bindingsFrom(const KeyValueList& members,
+                                                std::string (*normalizeKey)(std::string_view)) {
   std::map<std::string, std::string> out;
-  for (const auto& [key, value] : section.items()) {
-    if (!value.is_string()) continue;
-    std::string id = trimmed(value.get_ref<const std::string&>());
+  for (const auto& [key, value] : members) {
+    std::string id = trimmed(value);
     if (!id.empty()) out[normalizeKey(key)] = std::move(id);
   }
   return out;
@@ -136,7 +138,7 @@ void AppConfig::load() {
   }
   applySettings(*root);
   const bool migrated = migrateTimeouts();
-  applyStores(*root);
+  applyStores(*root, *bytes);
   AppLog::info(kSource, "config loaded: " + path);
   if (migrated) save();
 }
@@ -151,7 +153,7 @@ void AppConfig::applySettings(const Json& root) {
   showAdvanced_ = jBool(server, "showAdvanced", showAdvanced_);
   launchAtLogin_ = jBool(server, "launchAtLogin", launchAtLogin_);
   const std::string uiCode = jStr(server, "uiLanguage", std::string(code(uiLanguage_.load())));
-  uiLanguage_ = uiLangFromCode(toLower(trimmed(uiCode))).value_or(UiLang::automatic);
+  setUiLanguage(uiLangFromCode(toLower(trimmed(uiCode))).value_or(UiLang::automatic));
 
   const Json& synthesis = sectionOf(root, "synthesis");
   maxTextLength_ = std::clamp<std::int64_t>(jInt(synthesis, "maxTextLength", maxTextLength_), 1, 100000);
@@ -198,7 +200,7 @@ bool AppConfig::migrateTimeouts() {
   return changed;
 }
 
-void AppConfig::applyStores(const Json& root) {
+void AppConfig::applyStores(const Json& root, std::span<const std::uint8_t> text) {
   const Json& hub = sectionOf(root, "hub");
   std::string userId = jStr(hub, "userId");
   std::vector<HubShare> shares;
@@ -209,8 +211,8 @@ void AppConfig::applyStores(const Json& root) {
       if (!share.id.empty() && !share.deleteKey.empty()) shares.push_back(std::move(share));
     }
   }
-  auto airlines = bindingsFrom(sectionOf(root, "airlineVoices"), normalizeAirlineKey);
-  auto defaults = bindingsFrom(sectionOf(root, "defaultVoices"), normalizeDefaultKey);
+  auto airlines = bindingsFrom(stringMembersInTextOrder(text, "airlineVoices"), normalizeAirlineKey);
+  auto defaults = bindingsFrom(stringMembersInTextOrder(text, "defaultVoices"), normalizeDefaultKey);
 
   std::lock_guard guard(lock_);
   hubUserId_ = std::move(userId);
@@ -374,6 +376,11 @@ std::string AppConfig::bindAddress() const {
 void AppConfig::setBindAddress(std::string v) {
   std::lock_guard guard(lock_);
   bindAddress_ = std::move(v);
+}
+
+void AppConfig::setUiLanguage(UiLang v) {
+  uiLanguage_ = v;
+  setUiLang(v);
 }
 
 std::string AppConfig::hubUserId() const {

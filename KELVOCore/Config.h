@@ -15,6 +15,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -108,7 +109,10 @@ class AppConfig {
   bool minimizeToTray() const { return minimizeToTray_; }
   void setMinimizeToTray(bool v) { minimizeToTray_ = v; }
   UiLang uiLanguage() const { return uiLanguage_; }
-  void setUiLanguage(UiLang v) { uiLanguage_ = v; }
+  // Also the process's interface language from now on (setUiLang): messages
+  // follow the configuration, and `automatic` follows the environment.
+  // load() sets it this way too.
+  void setUiLanguage(UiLang v);
   bool showAdvanced() const { return showAdvanced_; }
   void setShowAdvanced(bool v) { showAdvanced_ = v; }
   bool launchAtLogin() const { return launchAtLogin_; }
@@ -141,8 +145,9 @@ class AppConfig {
   void applySettings(const Json& root);
   // Raises legacy and too-short engine timeouts; true when anything changed.
   bool migrateTimeouts();
-  // Replaces the hub identity, the shares and both binding maps from the file.
-  void applyStores(const Json& root);
+  // Replaces the hub identity, the shares and both binding maps from the
+  // file; `text` is the file's bytes, whose member order the bindings keep.
+  void applyStores(const Json& root, std::span<const std::uint8_t> text);
   Json toJson() const;
 
   const std::string path_;

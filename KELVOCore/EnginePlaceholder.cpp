@@ -18,6 +18,7 @@
 
 #include "KELVOCore/Dsp.h"
 #include "KELVOCore/I18n.h"
+#include "KELVOCore/Paths.h"
 
 namespace kelvo {
 
@@ -218,7 +219,7 @@ EngineHealth PlaceholderEngine::checkHealth() {
   EngineHealth health;
   health.ready = true;
   health.backend = T("占位波形");
-  health.detail = T("bin 里还没有模型;这是可听的假音频,只用来验证链路");
+  health.detail = TF("%s 里还没有模型;这是可听的假音频,只用来验证链路", KELVOPaths::modelsDir());
   return health;
 }
 

@@ -31,6 +31,9 @@ constexpr std::int64_t kMaxRestarts = 3;
 constexpr std::chrono::milliseconds kProbeSendTimeout{500};
 // A transport error can arrive a moment before the dying child can be reaped.
 constexpr std::chrono::milliseconds kExitSettle{250};
+// The s2 server drops a keep-alive connection idle for 5 s; one idle for more
+// than this is not reused, so a request never races that drop.
+constexpr std::chrono::seconds kConnectionReuse{2};
 
 bool fileExists(const std::string& path) {
   std::error_code ec;
@@ -114,6 +117,7 @@ struct S2LocalEngine::Impl {
   const Ports ports;
   const std::string logFile;
   const std::string pidFile;
+  HttpSession session{kConnectionReuse};  // the synthesis thread's line to the child
 
   // One start, stop or unload at a time; held across their slow parts (the
   // launch, joining the watchdog, ending the child), never taken by the
@@ -175,7 +179,8 @@ struct S2LocalEngine::Impl {
   bool spawnChild();
   bool waitReady();
   void giveUpLoading(const std::shared_ptr<ChildProcess>& c);
-  void diagnoseExit(const ChildExit& exit);
+  // `heldPort`: the child's port when another program held it (0: none).
+  void diagnoseExit(const ChildExit& exit, std::int64_t heldPort);
   void watchLoop();
   [[noreturn]] void transportFailure(const std::string& error);
   // REQUIRES: `control` held.
@@ -266,6 +271,9 @@ bool S2LocalEngine::Impl::spawnChild() {
 }
 
 bool S2LocalEngine::Impl::waitReady() {
+  // While another program holds the child's port: the detail it displaced,
+  // put back should the port come free before the child listens.
+  std::optional<std::string> displaced;
   for (;;) {
     std::shared_ptr<ChildProcess> c;
     std::int64_t p = 0;
@@ -284,18 +292,21 @@ bool S2LocalEngine::Impl::waitReady() {
       return false;
     }
     if (c && !c->running()) {
-      diagnoseExit(c->exitStatus().value_or(ChildExit{}));
+      diagnoseExit(c->exitStatus().value_or(ChildExit{}), displaced ? p : 0);
       return false;
     }
-    bool accepts = probeLoopback(p, kProbeSendTimeout) == PortProbe::accepts;
-    if (!accepts && probeLoopback(ports.fallback, kProbeSendTimeout) == PortProbe::accepts) {
+    // A port that merely answers proves nothing: a neighbour's engine or any
+    // other program may hold it. Only a listener of our child's counts.
+    const pid_t tree = c ? c->pid() : 0;
+    PortHolder holder = loopbackListener(p, tree);
+    if (holder != PortHolder::tree && loopbackListener(ports.fallback, tree) == PortHolder::tree) {
       // The child ignored "--port" and listens on its own default: adopt it.
-      accepts = true;
+      holder = PortHolder::tree;
       p = ports.fallback;
       std::lock_guard guard(lock);
       port = p;
     }
-    if (accepts) {
+    if (holder == PortHolder::tree) {
       const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
       if (!setUnlessStopping(S2EngineState::ready,
                              TF("%s,端口 %d,载入用了 %.1f 秒", modelName, static_cast<int>(p), seconds))) {
@@ -303,6 +314,19 @@ bool S2LocalEngine::Impl::waitReady() {
       }
       AppLog::info(kLogSource, formatText("engine ready, loaded in %.1f s", seconds));
       return true;
+    }
+    if (holder == PortHolder::other && !displaced) {
+      std::lock_guard guard(lock);
+      if (stopping) return false;
+      displaced = detail;
+      detail = TF("端口 %d 被另一个程序占着(不是推理进程),继续等推理进程…", static_cast<int>(p));
+      AppLog::warn(kLogSource, formatText("another program holds port %lld, not the inference process; still waiting",
+                                          static_cast<long long>(p)));
+    } else if (holder == PortHolder::nobody && displaced) {
+      std::lock_guard guard(lock);
+      if (stopping) return false;
+      detail = std::move(*displaced);
+      displaced.reset();
     }
     if (pause(timing.probeInterval)) return false;
   }
@@ -319,8 +343,9 @@ void S2LocalEngine::Impl::giveUpLoading(const std::shared_ptr<ChildProcess>& c) 
   removePidFile();
 }
 
-void S2LocalEngine::Impl::diagnoseExit(const ChildExit& exit) {
+void S2LocalEngine::Impl::diagnoseExit(const ChildExit& exit, std::int64_t heldPort) {
   std::string hint = exit.bySignal ? signalHint(exit.status) : std::string();
+  if (hint.empty() && heldPort != 0) hint = TF("另一个程序占着端口 %d,推理进程没法在上面监听", static_cast<int>(heldPort));
   if (hint.empty()) hint = T("(空)");
   removePidFile();
   if (!setUnlessStopping(S2EngineState::failed, TF("推理进程退出了(信号 %d):%s,日志 %s", exit.status, hint, logFile))) {
@@ -445,7 +470,7 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
   Impl& m = *impl_;
   if (trimmed(params.text).empty()) throw TtsError(TtsErrorCode::emptyText, T("没有要合成的文字"));
   S2EngineState state;
-  std::string detail, missing;
+  std::string detail, missing, root;
   double seconds = 0;
   std::int64_t port = 0;
   std::int64_t timeoutMs = 0;
@@ -454,6 +479,7 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
     state = m.state;
     detail = m.detail;
     missing = m.missingWhatLocked();
+    root = m.searchRoot;
     seconds = m.loadSecondsLocked();
     port = m.port;
     timeoutMs = m.opts.timeoutMs;
@@ -462,7 +488,7 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
     case S2EngineState::missing:
       // Stopped with its files in place: nothing is missing, the detail says why.
       if (missing.empty()) throw TtsError(TtsErrorCode::engineNotConnected, detail);
-      throw TtsError(TtsErrorCode::engineNotConnected, TF("引擎不完整:bin 里缺少 %s", missing));
+      throw TtsError(TtsErrorCode::engineNotConnected, TF("引擎不完整:%s 里缺少 %s", root, missing));
     case S2EngineState::loading:
       throw TtsError(TtsErrorCode::engineNotConnected, TF("模型还在载入(已经 %.0f 秒),请稍后再试", seconds));
     case S2EngineState::failed:
@@ -488,7 +514,7 @@ PcmBuffer S2LocalEngine::synthesize(const S2Params& params, const VoiceHint& hin
   for (;;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     request.timeout = std::max(left, m.timing.minRequestTimeout);
-    const HttpClientReply reply = httpExchange(request);
+    const HttpClientReply reply = m.session.exchange(request);
     if (!reply.error.empty()) m.transportFailure(reply.error);
     if (reply.status == 200) {
       if (auto wav = parseWavWithFormat(reply.body)) return std::move(wav->pcm);
@@ -524,9 +550,11 @@ void S2LocalEngine::start() {
   m.stopInternal(S2EngineState::missing, T("已停止"));
   const std::string loadingText = T("正在载入模型…");
   std::string missing;
+  std::string root;
   {
     std::lock_guard guard(m.lock);
     m.stopping = false;
+    root = m.searchRoot;
     if (m.discoverLocked()) {
       m.state = S2EngineState::loading;
       m.detail = loadingText;
@@ -537,7 +565,7 @@ void S2LocalEngine::start() {
     }
   }
   if (!missing.empty()) {
-    m.setUnlessStopping(S2EngineState::missing, TF("bin 里缺少 %s", missing));
+    m.setUnlessStopping(S2EngineState::missing, TF("%s 里缺少 %s", root, missing));
     AppLog::warn(kLogSource, "model files incomplete (missing " + missing + "); falling back to placeholder audio");
     return;
   }
@@ -629,14 +657,25 @@ bool S2LocalEngine::backendAvailable(ComputeBackend backend, const std::string& 
 }
 
 std::int64_t S2LocalEngine::sweepOrphans(const std::string& dataRoot) {
+  return sweepOrphans(dataRoot, KELVOPaths::resourceEngineDir());
+}
+
+std::int64_t S2LocalEngine::sweepOrphans(const std::string& dataRoot, const std::string& installedEngineDir) {
   const std::string root = rootOrDefault(dataRoot);
   const std::string ownExecutable = root + "engine/s2";
-  const std::string installedEngines = KELVOPaths::resourceEngineDir();
+  // The folder is a prefix test: an empty, bare "/" or relative one would match
+  // every s2 on the machine (or whatever the working folder makes of it), so
+  // only an absolute path to an "engine" folder is trusted.
+  const bool installedUsable = installedEngineDir.starts_with('/') && installedEngineDir.ends_with("/engine/");
+  if (!installedUsable) {
+    AppLog::warn(kLogSource, "installed engine folder \"" + installedEngineDir +
+                                 "\" is not an absolute engine/ path; only " + ownExecutable + " is swept");
+  }
   const pid_t self = ::getpid();
   const auto ours = [&](const ProcessEntry& p) {
     const std::string program = p.program();
     if (p.ppid == self || fs::path(program).filename() != "s2") return false;
-    return program == ownExecutable || program.starts_with(installedEngines);
+    return program == ownExecutable || (installedUsable && program.starts_with(installedEngineDir));
   };
   std::set<pid_t> killed;
   const std::string pidFile = root + "logs/s2.pid";

@@ -1,8 +1,10 @@
 // S2LocalEngine: the real speech engine. It runs the s2 inference server
 // (s2.cpp with a Fish S2 Pro .gguf model) as a child process on a free
-// loopback port, waits for it to load, watches it from a thread of its own and
-// restarts it at most three times per start(), diagnoses crashes, and sends it
-// one line at a time as a multipart POST to "/generate".
+// loopback port, waits for it to load (ready once the listening socket on its
+// port belongs to the child or a descendant, never to another program),
+// watches it from a thread of its own and restarts it at most three times per
+// start(), diagnoses crashes, and sends it one line at a time as a multipart
+// POST to "/generate" over a connection kept only while the child keeps it.
 //
 // Thread-safe: one lock guards the fields and is held only for short reads and
 // writes; launching, probing, sleeping, killing and the HTTP exchange happen
@@ -11,7 +13,8 @@
 // among themselves. Owns a child process: destroying the engine stops the
 // child (SIGTERM, 3 s, then SIGKILL to its process group) and reaps it.
 // Cost: start() returns after the launch (port probes and posix_spawn, a few
-// milliseconds); readiness is watched by polling every 0.4 s. A synthesis
+// milliseconds); readiness is watched by polling every 0.4 s, each look
+// reading the kernel's TCP tables (see loopbackListener). A synthesis
 // call adds about half a millisecond to the engine's own time.
 #pragma once
 
@@ -32,7 +35,8 @@ enum class S2EngineState : int { missing = 0, loading = 1, ready = 2, failed = 3
 // Loopback ports tried for the child, in order.
 inline constexpr std::int64_t s2FirstPort = 17151;
 inline constexpr std::int64_t s2LastPort = 17170;
-// Port the s2 server listens on when it ignores "--port"; such a child is adopted.
+// Port the s2 server listens on when it ignores "--port"; our child found
+// listening there is adopted (anyone else there is not).
 inline constexpr std::int64_t s2DefaultPort = 3030;
 
 // The largest ".gguf" file in `dir` (first listed wins a tie); absent when the
@@ -122,6 +126,10 @@ class S2LocalEngine final : public TtsEngine {
   // folder's "engine/". Children of this process are never touched, nor is
   // anything else. Returns how many were killed.
   static std::int64_t sweepOrphans(const std::string& dataRoot);
+  // The same with the installed engine folder given. One that is not an
+  // absolute path ending in "/engine/" (empty, "/", relative) is ignored with
+  // a warning, so only `dataRoot` + "engine/s2" counts as ours.
+  static std::int64_t sweepOrphans(const std::string& dataRoot, const std::string& installedEngineDir);
 
  private:
   struct Impl;

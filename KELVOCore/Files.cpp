@@ -2,17 +2,39 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <filesystem>
+#include <utility>
+
+#include "KELVOCore/ChildProcess.h"
 
 namespace kelvo {
 
 namespace {
 
+constexpr std::string_view kTempMark = ".tmp-";
+
 std::error_code lastError() { return {errno, std::generic_category()}; }
+
+// The writer's pid of a "<name>.tmp-<pid>-<n>" file; absent for any other name.
+std::optional<pid_t> tempWriter(std::string_view name) {
+  const std::size_t mark = name.rfind(kTempMark);
+  if (mark == std::string_view::npos || mark == 0) return std::nullopt;
+  const char* p = name.data() + mark + kTempMark.size();
+  const char* end = name.data() + name.size();
+  pid_t pid = 0;
+  unsigned n = 0;
+  auto [afterPid, ec] = std::from_chars(p, end, pid);
+  if (ec != std::errc() || afterPid == end || *afterPid != '-' || pid <= 0) return std::nullopt;
+  auto [afterN, ec2] = std::from_chars(afterPid + 1, end, n);
+  if (ec2 != std::errc() || afterN != end) return std::nullopt;
+  return pid;
+}
 
 // Writes every byte, retrying short writes and EINTR.
 bool writeAll(int fd, std::span<const std::uint8_t> data) {
@@ -26,6 +48,19 @@ bool writeAll(int fd, std::span<const std::uint8_t> data) {
     done += static_cast<std::size_t>(n);
   }
   return true;
+}
+
+// Unique per process and call, so concurrent writers never share a temp file.
+std::string tempName(const std::string& base) {
+  static std::atomic<unsigned> counter{0};
+  return base + std::string(kTempMark) + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+}
+
+std::error_code createParent(const std::string& path) {
+  const std::filesystem::path target(path);
+  std::error_code ec;
+  if (target.has_parent_path()) std::filesystem::create_directories(target.parent_path(), ec);
+  return ec;
 }
 
 }  // namespace
@@ -58,17 +93,61 @@ std::optional<std::vector<std::uint8_t>> readFile(const std::string& path) {
   return out;
 }
 
-std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data) {
-  namespace fs = std::filesystem;
-  const fs::path target(path);
-  std::error_code ec;
-  if (target.has_parent_path()) {
-    fs::create_directories(target.parent_path(), ec);
-    if (ec) return ec;
+std::optional<OpenFile> OpenFile::open(const std::string& path) {
+  OpenFile f;
+  f.fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st {};
+  if (f.fd_ < 0 || ::fstat(f.fd_, &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  f.size_ = static_cast<std::uint64_t>(st.st_size);
+  return f;
+}
+
+OpenFile::OpenFile(OpenFile&& other) noexcept : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
+
+OpenFile& OpenFile::operator=(OpenFile&& other) noexcept {
+  if (this != &other) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = std::exchange(other.fd_, -1);
+    size_ = other.size_;
   }
-  // Unique per process and call, so concurrent writers never share a temp file.
-  static std::atomic<unsigned> counter{0};
-  const std::string temp = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
+  return *this;
+}
+
+OpenFile::~OpenFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+std::optional<std::vector<std::uint8_t>> OpenFile::readAll() const {
+  if (fd_ < 0) return std::nullopt;
+  // One spare byte: a file that grew since it was opened is not the file we know either.
+  std::vector<std::uint8_t> out(size_ + 1);
+  std::size_t used = 0;
+  for (;;) {
+    const ssize_t n = ::pread(fd_, out.data() + used, out.size() - used, static_cast<off_t>(used));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return std::nullopt;
+    if (n == 0 || used + static_cast<std::size_t>(n) == out.size()) {
+      used += static_cast<std::size_t>(n);
+      break;
+    }
+    used += static_cast<std::size_t>(n);
+  }
+  if (used != size_) return std::nullopt;
+  out.resize(used);
+  return out;
+}
+
+std::optional<DiskSpace> diskSpace(const std::string& path) {
+  struct statvfs st {};
+  if (::statvfs(path.c_str(), &st) != 0) return std::nullopt;
+  return DiskSpace{static_cast<std::uint64_t>(st.f_bavail) * st.f_frsize,
+                   static_cast<std::uint64_t>(st.f_blocks) * st.f_frsize};
+}
+
+std::error_code writeFileAtomic(const std::string& path, std::span<const std::uint8_t> data) {
+  std::error_code ec = createParent(path);
+  if (ec) return ec;
+  const std::string temp = tempName(path);
   const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return lastError();
   if (!writeAll(fd, data) || ::fsync(fd) != 0) {
@@ -83,6 +162,82 @@ std::error_code writeFileAtomic(const std::string& path, std::span<const std::ui
     return ec;
   }
   return {};
+}
+
+// ---- TempFile -----------------------------------------------------------------------
+
+std::optional<TempFile> TempFile::create(const std::string& base) {
+  if (createParent(base)) return std::nullopt;
+  std::string path = tempName(base);
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) return std::nullopt;
+  return TempFile(fd, std::move(path));
+}
+
+TempFile::TempFile(TempFile&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)), path_(std::move(other.path_)), size_(other.size_) {}
+
+TempFile::~TempFile() {
+  if (fd_ < 0) return;
+  ::close(fd_);
+  ::unlink(path_.c_str());
+}
+
+std::error_code TempFile::append(std::span<const std::uint8_t> data) {
+  if (!writeAll(fd_, data)) return lastError();
+  size_ += data.size();
+  return {};
+}
+
+// ---- RandomAccessFile -----------------------------------------------------------------
+
+std::optional<RandomAccessFile> RandomAccessFile::open(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return std::nullopt;
+  }
+  return RandomAccessFile(fd, static_cast<std::uint64_t>(st.st_size));
+}
+
+RandomAccessFile::RandomAccessFile(RandomAccessFile&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
+
+RandomAccessFile& RandomAccessFile::operator=(RandomAccessFile&& other) noexcept {
+  std::swap(fd_, other.fd_);
+  std::swap(size_, other.size_);
+  return *this;
+}
+
+RandomAccessFile::~RandomAccessFile() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool RandomAccessFile::readAt(std::uint64_t offset, std::span<std::uint8_t> out) const {
+  std::size_t done = 0;
+  while (done < out.size()) {
+    const ssize_t n = ::pread(fd_, out.data() + done, out.size() - done, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> removed;
+  std::error_code ec;
+  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    const std::optional<pid_t> writer = tempWriter(name);
+    if (!writer || (*writer != ::getpid() && processAlive(*writer))) continue;
+    std::error_code ignored;
+    if (it->is_regular_file(ignored) && fs::remove(it->path(), ignored)) removed.push_back(name);
+  }
+  return removed;
 }
 
 }  // namespace kelvo

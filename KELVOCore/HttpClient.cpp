@@ -56,16 +56,17 @@ bool isLoopback(const std::string& url) {
   return false;
 }
 
-}  // namespace
-
-HttpClientReply httpExchange(const HttpClientRequest& request) {
-  initOnce();
+HttpClientReply noHandle() {
   HttpClientReply reply;
-  const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
-  if (!curl) {
-    reply.error = "cannot create an HTTP client handle";
-    return reply;
-  }
+  reply.error = "cannot create an HTTP client handle";
+  return reply;
+}
+
+// One exchange on `h`, whose options are set afresh; its connection cache
+// stays. `maxIdle` bounds the reuse of a cached connection.
+HttpClientReply perform(CURL* h, const HttpClientRequest& request, std::chrono::seconds maxIdle) {
+  HttpClientReply reply;
+  curl_easy_reset(h);
   curl_slist* rawList = nullptr;
   for (const auto& [name, value] : request.headers) rawList = curl_slist_append(rawList, (name + ": " + value).c_str());
   // Without this libcurl waits up to a second for a "100 Continue" before a
@@ -74,8 +75,8 @@ HttpClientReply httpExchange(const HttpClientRequest& request) {
   const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headerList(rawList, curl_slist_free_all);
 
   char errorText[CURL_ERROR_SIZE] = {};
-  CURL* h = curl.get();
   curl_easy_setopt(h, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(h, CURLOPT_MAXAGE_CONN, static_cast<long>(maxIdle.count()));
   curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(request.timeout.count()));
   curl_easy_setopt(h, CURLOPT_HTTPHEADER, headerList.get());
@@ -109,6 +110,37 @@ HttpClientReply httpExchange(const HttpClientRequest& request) {
     return reply;
   }
   curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &reply.status);
+  return reply;
+}
+
+}  // namespace
+
+HttpClientReply httpExchange(const HttpClientRequest& request) {
+  initOnce();
+  const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
+  if (!curl) return noHandle();
+  return perform(curl.get(), request, std::chrono::seconds(0));
+}
+
+HttpSession::HttpSession(std::chrono::seconds maxIdle) : maxIdle_(maxIdle) { initOnce(); }
+
+HttpSession::~HttpSession() { curl_easy_cleanup(kept_); }
+
+HttpClientReply HttpSession::exchange(const HttpClientRequest& request) {
+  CURL* h = nullptr;
+  {
+    std::lock_guard guard(lock_);
+    std::swap(h, kept_);
+  }
+  if (h == nullptr) h = curl_easy_init();
+  if (h == nullptr) return noHandle();
+  HttpClientReply reply = perform(h, request, maxIdle_);
+  std::lock_guard guard(lock_);
+  if (kept_ == nullptr) {
+    kept_ = h;
+  } else {
+    curl_easy_cleanup(h);
+  }
   return reply;
 }
 

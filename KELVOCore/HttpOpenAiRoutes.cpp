@@ -105,13 +105,20 @@ Json openAiModels(const std::string& engineName) {
   return Json{{"object", "list"}, {"data", std::move(data)}};
 }
 
-HttpResponse TtsHttpService::speech(const HttpRequest& request) {
-  if (request.method != "POST") return openAiError(methodNotAllowed(request.method));
+std::optional<HttpResponse> TtsHttpService::speech(const HttpRequest& request, bool cachedOnly) {
+  // The quick path answers cache hits only; every refusal is the full path's.
+  const auto refuse = [&](HttpResponse refusal) -> std::optional<HttpResponse> {
+    if (cachedOnly) return std::nullopt;
+    return openAiError(refuseSpeech(request, kSpeechRoute, std::move(refusal)));
+  };
+  if (request.method != "POST") return cachedOnly ? std::nullopt : std::optional(openAiError(methodNotAllowed(request.method)));
   const std::optional<Json> body = parseJsonObject(request.body);
-  if (!body) return openAiError(refuseSpeech(request, kSpeechRoute, badJson()));
+  if (!body) return refuse(badJson());
   SpeechCall call = speechCallFromJson(*body, service_->voices(), service_->config());
-  if (call.refusal) return openAiError(refuseSpeech(request, kSpeechRoute, std::move(*call.refusal)));
-  return openAiError(speak(request, call.tts, call.format, kSpeechRoute));
+  if (call.refusal) return refuse(std::move(*call.refusal));
+  std::optional<HttpResponse> answer = speak(request, call.tts, call.format, kSpeechRoute, cachedOnly);
+  if (answer) answer = openAiError(std::move(*answer));
+  return answer;
 }
 
 HttpResponse TtsHttpService::models() {

@@ -1,6 +1,8 @@
 // The clone-pack routes: export voices and bindings as one .cln archive, and
 // import one. An archive arrives from other machines and public hubs, so the
-// import hands the bytes to ClonePack, which treats every one as hostile.
+// import hands the bytes to ClonePack, which treats every one as hostile. The
+// server receives an imported pack into a temporary file (it may be up to
+// 512 MiB), which ClonePack reads one entry at a time.
 
 #include "KELVOCore/ClonePack.h"
 #include "KELVOCore/HttpRoutes.h"
@@ -10,14 +12,6 @@
 namespace kelvo {
 
 namespace {
-
-std::vector<std::string> stringList(const Json& body, std::string_view key) {
-  std::vector<std::string> out;
-  for (const Json& item : jArr(body, key).value_or(Json::array())) {
-    if (item.is_string() && !trimmed(item.get<std::string>()).empty()) out.push_back(trimmed(item.get<std::string>()));
-  }
-  return out;
-}
 
 // "kelvo-pack-20261123T112044Z.cln": the export's UTC time without separators.
 std::string packFileName() {
@@ -32,15 +26,19 @@ HttpResponse TtsHttpService::packsRoute(const HttpRequest& request, const std::s
   if (path != "/v1/packs/export" && path != "/v1/packs/import") return noSuchPath(request.path);
   if (request.method != "POST") return methodNotAllowed(request.method);
   if (path == "/v1/packs/import") {
-    const PackSummary summary = importPack(std::span<const std::uint8_t>(request.body), service_->voices(),
-                                           service_->config());
+    // The server hands a pack over as a file; a body in memory comes only from
+    // callers of dispatch() that bypass the server.
+    const PackSummary summary =
+        request.bodyFile.empty()
+            ? importPack(std::span<const std::uint8_t>(request.body), service_->voices(), service_->config())
+            : importPack(request.bodyFile, service_->voices(), service_->config());
     return HttpResponse::json(200, packSummaryJson(summary));
   }
 
   const std::optional<Json> body = parseJsonObject(request.body);
   if (!body) return badJson();
-  const std::vector<std::string> airlines = stringList(*body, "airlines");
-  const std::vector<std::string> voices = stringList(*body, "voices");
+  const std::vector<std::string> airlines = jStrings(*body, "airlines");
+  const std::vector<std::string> voices = jStrings(*body, "voices");
   if (airlines.empty() && voices.empty()) {
     return HttpResponse::error(400, "bad_request", T("请至少指定一个航司绑定或音色来导出"));
   }

@@ -54,20 +54,20 @@ std::int64_t millisSince(SteadyClock::time_point start) {
   return static_cast<std::int64_t>(ms);
 }
 
-// Clients echo the tag either as sent or quoted (and browsers may mark it weak).
-bool etagMatches(std::string candidate, const std::string& etag) {
-  candidate = trimmed(candidate);
-  if (candidate.rfind("W/", 0) == 0) candidate.erase(0, 2);
+// The tag a client holds: echoed as sent or quoted, and browsers may mark it weak.
+std::string_view bareTag(std::string_view candidate) {
+  while (!candidate.empty() && (candidate.front() == ' ' || candidate.front() == '\t')) candidate.remove_prefix(1);
+  while (!candidate.empty() && (candidate.back() == ' ' || candidate.back() == '\t')) candidate.remove_suffix(1);
+  if (candidate.starts_with("W/")) candidate.remove_prefix(2);
   if (candidate.size() >= 2 && candidate.front() == '"' && candidate.back() == '"') {
     candidate = candidate.substr(1, candidate.size() - 2);
   }
-  return !etag.empty() && candidate == etag;
+  return candidate;
 }
 
 HttpResponse errorFor(const TtsError& e) {
   return HttpResponse::error(e.httpStatus(), errorName(e.code), e.message);
 }
-
 
 }  // namespace
 
@@ -113,11 +113,20 @@ TtsHttpService::~TtsHttpService() { stop(); }
 
 void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional<std::int64_t> port) {
   stop();
-  auto server = std::make_unique<HttpServer>(bindAddress.value_or(service_->config().bindAddress()),
-                                             port.value_or(service_->config().port()),
-                                             [this](const HttpRequest& r) { return dispatch(r); });
+  // A clone pack may be far larger than any other body, so it alone is
+  // received into a file beside the cache instead of into memory.
+  HttpServer::Options options;
+  options.spoolsBody = [](std::string_view method, std::string_view path) {
+    return method == "POST" && asciiLower(std::string(path)) == "/v1/packs/import";
+  };
+  options.spoolBase = service_->cache().directory() + "pack-upload";
+  std::string address = bindAddress.value_or(service_->config().bindAddress());
+  auto server = std::make_unique<HttpServer>(address, port.value_or(service_->config().port()),
+                                             [this](const HttpRequest& r) { return dispatch(r); }, options);
+  server->setQuickHandler([this](const HttpRequest& r) { return quickDispatch(r); });
   server->start();
   server_ = std::move(server);
+  bindAddress_ = std::move(address);
 }
 
 void TtsHttpService::stop() {
@@ -131,17 +140,22 @@ bool TtsHttpService::isRunning() const { return server_ && server_->isRunning();
 
 std::int64_t TtsHttpService::boundPort() const { return server_ ? server_->boundPort() : 0; }
 
+std::string TtsHttpService::listenAddress() const { return server_ ? bindAddress_ : service_->config().bindAddress(); }
+
 std::string TtsHttpService::endpoint() const {
   const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
-  std::string host = service_->config().bindAddress();
+  std::string host = listenAddress();
+  // The command line finds the service at this URL: a wildcard is reached on loopback.
   if (host.empty() || host == "0.0.0.0") host = "127.0.0.1";
+  if (host == "::") host = "::1";
+  if (host.find(':') != std::string::npos) host = "[" + host + "]";
   return "http://" + host + ":" + std::to_string(port);
 }
 
 std::vector<std::string> TtsHttpService::allEndpoints() const {
   const std::int64_t port = boundPort() > 0 ? boundPort() : service_->config().port();
   std::vector<std::string> urls{endpoint()};
-  for (std::string& url : reachableUrls(service_->config().bindAddress(), port)) {
+  for (std::string& url : reachableUrls(listenAddress(), port)) {
     if (std::find(urls.begin(), urls.end(), url) == urls.end()) urls.push_back(std::move(url));
   }
   return urls;
@@ -202,10 +216,10 @@ bool TtsHttpService::rateLimited(const std::string& peer) {
 
 HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string& path) {
   const std::string& method = request.method;
-  if (path == "/v1/tts") return synthesis(request);
-  if (path == "/v1/audio/speech") return speech(request);
+  if (path == "/v1/tts") return *synthesis(request, false);
+  if (path == "/v1/audio/speech") return *speech(request, false);
   if (path == "/v1/models") return method == "GET" ? models() : openAiError(methodNotAllowed(method));
-  if (path == "/v1/prewarm") return prewarm(request);
+  if (path == "/v1/prewarm") return method == "DELETE" ? cancelPrewarm() : prewarm(request);
   if (path == "/v1/selftest" || path == "/selftest") {
     return method == "GET" ? selfCheck(request) : methodNotAllowed(method);
   }
@@ -215,6 +229,11 @@ HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string
   if (path == "/v1/cache" && method == "DELETE") return clearCache();
   if (path == "/v1/voices" || path.rfind("/v1/voices/", 0) == 0) return voicesRoute(request, path);
   if (path.rfind("/v1/packs/", 0) == 0) return packsRoute(request, path);
+  if (path == "/v1/hub/shares") return method == "POST" ? shareOnHubRoute(request) : methodNotAllowed(method);
+  if (constexpr std::string_view share = "/v1/hub/shares/"; path.size() > share.size() && path.starts_with(share)) {
+    // Offsets of the lowered path hold in the original: share ids keep their case.
+    return method == "DELETE" ? unshareFromHubRoute(request, request.path.substr(share.size())) : methodNotAllowed(method);
+  }
   if (hub_ && path == "/api/hub.php") return hub_->handle(request);
   return noSuchPath(request.path);
 }
@@ -238,6 +257,11 @@ HttpResponse TtsHttpService::health() {
 
 HttpResponse TtsHttpService::stats() {
   const ServiceStats s = service_->stats();
+  Json failures = Json::array();
+  for (const PrewarmWorker::Failure& f : s.prewarmFailures.recent) {
+    failures.push_back(Json{{"number", f.number}, {"text", f.text}, {"reason", f.reason}});
+  }
+  const std::string lastError = s.prewarmFailures.recent.empty() ? "" : s.prewarmFailures.recent.back().reason;
   const double rtf = s.totalAudioMs < 1 ? 0.0 : static_cast<double>(s.totalSynthMs) / static_cast<double>(s.totalAudioMs);
   return HttpResponse::json(200, Json{{"total", s.total},
                                       {"failed", s.failed},
@@ -247,6 +271,9 @@ HttpResponse TtsHttpService::stats() {
                                       {"cache_count", s.cacheCount},
                                       {"queue_depth", s.queueDepth},
                                       {"prewarm_pending", s.prewarmPending},
+                                      {"prewarm_failed", s.prewarmFailures.count},
+                                      {"prewarm_last_error", lastError},
+                                      {"prewarm_failures", std::move(failures)},
                                       {"busy", s.busy},
                                       {"p50_ms", s.p50Ms},
                                       {"p95_ms", s.p95Ms},
@@ -281,13 +308,23 @@ HttpResponse TtsHttpService::clearCache() {
 
 // ---- Synthesis and pre-bake ----------------------------------------------------------
 
-HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
+std::optional<HttpResponse> TtsHttpService::quickDispatch(const HttpRequest& request) {
+  const std::string path = asciiLower(request.path);
+  if (path == "/v1/health" || path == "/health") return dispatch(request);
+  // With a rate limit each request must be counted once, and dispatch() does that.
+  if (service_->config().rateLimitPerMinute() >= 1) return std::nullopt;
+  if (path == "/v1/tts") return synthesis(request, true);
+  if (path == "/v1/audio/speech") return speech(request, true);
+  return std::nullopt;
+}
+
+std::optional<HttpResponse> TtsHttpService::synthesis(const HttpRequest& request, bool cachedOnly) {
   constexpr std::string_view kRoute = "/v1/tts";
   TtsRequest tts;
   std::string formatName;
   if (request.method == "POST") {
     const std::optional<Json> body = parseJsonObject(request.body);
-    if (!body) return refuseSpeech(request, kRoute, badJson());
+    if (!body) return cachedOnly ? std::nullopt : std::optional(refuseSpeech(request, kRoute, badJson()));
     tts = requestFromJson(*body);
     formatName = jStr(*body, "format");
   } else {
@@ -297,8 +334,8 @@ HttpResponse TtsHttpService::synthesis(const HttpRequest& request) {
   // The native API answers WAV unless a player asks for something else.
   const std::optional<AudioFormat> format =
       trimmed(formatName).empty() ? AudioFormat::wav : parseAudioFormat(formatName);
-  if (!format) return refuseSpeech(request, kRoute, unknownAudioFormat(formatName));
-  return speak(request, tts, *format, kRoute);
+  if (!format) return cachedOnly ? std::nullopt : std::optional(refuseSpeech(request, kRoute, unknownAudioFormat(formatName)));
+  return speak(request, tts, *format, kRoute, cachedOnly);
 }
 
 HttpResponse TtsHttpService::refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal) {
@@ -311,8 +348,8 @@ HttpResponse TtsHttpService::refuseSpeech(const HttpRequest& request, std::strin
   return refusal;
 }
 
-HttpResponse TtsHttpService::speak(const HttpRequest& request, const TtsRequest& tts, AudioFormat format,
-                                   std::string_view route) {
+std::optional<HttpResponse> TtsHttpService::speak(const HttpRequest& request, const TtsRequest& tts,
+                                                  AudioFormat format, std::string_view route, bool cachedOnly) {
   const auto started = SteadyClock::now();
   RequestLog log;
   log.peer = request.peer;
@@ -323,11 +360,20 @@ HttpResponse TtsHttpService::speak(const HttpRequest& request, const TtsRequest&
 
   HttpResponse response;
   try {
-    const TtsResult result = service_->synthesize(tts, format);
+    const std::string clientTag = request.header("if-none-match");
+    std::optional<TtsReply> answer;
+    if (cachedOnly) {
+      answer = service_->answerFromCache(tts, bareTag(clientTag), format);
+      if (!answer) return std::nullopt;
+    } else {
+      answer = service_->answer(tts, bareTag(clientTag), format);
+    }
+    TtsReply& reply = *answer;
+    const TtsResult& result = reply.result;
     log.voice = result.voiceId;
     log.audioMs = result.durationMs;
     log.cacheHit = result.fromCache;
-    if (etagMatches(request.header("if-none-match"), result.etag)) {
+    if (reply.notModified) {
       response.status = 304;
       response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
     } else {
@@ -340,7 +386,8 @@ HttpResponse TtsHttpService::speak(const HttpRequest& request, const TtsRequest&
                           {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
                           {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
                           {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
-      response.body = result.wav;
+      response.body = std::move(reply.result.wav);
+      response.bodyFile = std::move(reply.file);
     }
   } catch (const TtsError& e) {
     response = errorFor(e);
@@ -390,7 +437,13 @@ HttpResponse TtsHttpService::prewarm(const HttpRequest& request) {
   return HttpResponse::json(200, Json{{"queued", handed},
                                       {"cached", cached},
                                       {"skipped_empty", skipped},
-                                      {"pending", service_->prewarmPending()}});
+                                      {"pending", service_->prewarmPending()},
+                                      {"failed", service_->prewarmFailures().count}});
+}
+
+HttpResponse TtsHttpService::cancelPrewarm() {
+  const std::int64_t dropped = service_->cancelPrewarm();
+  return HttpResponse::json(200, Json{{"dropped", dropped}, {"pending", service_->prewarmPending()}});
 }
 
 // ---- Self-check -------------------------------------------------------------------------

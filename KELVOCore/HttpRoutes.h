@@ -2,7 +2,9 @@
 // It owns the HttpServer while it runs, lower-cases the path, answers health
 // before anything else (a monitor is never throttled), applies a fixed-period
 // per-client rate limit, and routes every other request to the synthesis
-// service, the voice library, the configuration or the cache. With a HubStore
+// service, the voice library, the configuration or the cache; it also puts
+// this installation's shares on the sharing hub and takes them down, since
+// their delete keys live in its configuration. With a HubStore
 // attached it also serves the sharing hub's "/API/hub.php" (any case), so an
 // airline group can run its own hub on the same port. Every refusal is a JSON
 // {"error": code, "message": localised text}.
@@ -69,6 +71,10 @@ class TtsHttpService {
 
   // The answer to one request. Never throws.
   HttpResponse dispatch(const HttpRequest& request);
+  // The same answer for what never waits: health, and without a rate limit a
+  // /v1/tts or /v1/audio/speech line that is a plain cache hit (in WAV or a
+  // stored variant). nullopt for everything else.
+  std::optional<HttpResponse> quickDispatch(const HttpRequest& request);
 
  private:
   struct Period {
@@ -80,21 +86,26 @@ class TtsHttpService {
   static HttpResponse methodNotAllowed(const std::string& method);
   static HttpResponse noSuchPath(const std::string& path);
 
+  // The address listened on while running (an override wins), else the configuration's.
+  std::string listenAddress() const;
   bool rateLimited(const std::string& peer);
   HttpResponse route(const HttpRequest& request, const std::string& path);
 
   HttpResponse health();
-  HttpResponse synthesis(const HttpRequest& request);
+  // With `cachedOnly`, nullopt unless the answer is a plain cache hit (nothing logged then).
+  std::optional<HttpResponse> synthesis(const HttpRequest& request, bool cachedOnly);
   // One line spoken and answered in `format`: 200 with the audio and the
   // X-KELVO- headers, 304 when the client holds its tag, or the native error;
-  // logged as one RequestLog entry under `route`.
-  HttpResponse speak(const HttpRequest& request, const TtsRequest& tts, AudioFormat format, std::string_view route);
+  // logged as one RequestLog entry under `route`. `cachedOnly` as above.
+  std::optional<HttpResponse> speak(const HttpRequest& request, const TtsRequest& tts, AudioFormat format,
+                                    std::string_view route, bool cachedOnly);
   // Logs a synthesis request refused before the pipeline; returns `refusal`.
   static HttpResponse refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal);
-  // The OpenAI-compatible routes (HttpOpenAi.h).
-  HttpResponse speech(const HttpRequest& request);
+  // The OpenAI-compatible routes (HttpOpenAi.h); `cachedOnly` as above.
+  std::optional<HttpResponse> speech(const HttpRequest& request, bool cachedOnly);
   HttpResponse models();
   HttpResponse prewarm(const HttpRequest& request);
+  HttpResponse cancelPrewarm();
   HttpResponse stats();
   HttpResponse selfCheck(const HttpRequest& request);
   HttpResponse logLines(const HttpRequest& request);
@@ -104,11 +115,14 @@ class TtsHttpService {
   HttpResponse cloneVoice(const HttpRequest& request);
   HttpResponse removeVoice(const std::string& id);
   HttpResponse packsRoute(const HttpRequest& request, const std::string& path);
+  HttpResponse shareOnHubRoute(const HttpRequest& request);
+  HttpResponse unshareFromHubRoute(const HttpRequest& request, const std::string& id);
 
   std::shared_ptr<TtsService> service_;
   Clock clock_;
   std::shared_ptr<HubStore> hub_;  // null: no hub served
   std::unique_ptr<HttpServer> server_;
+  std::string bindAddress_;  // what server_ listens on
   std::mutex lock_;  // guards hits_
   std::unordered_map<std::string, Period> hits_;
 };

@@ -4,15 +4,14 @@
 #include <ifaddrs.h>
 #include <netinet/in.h>
 #include <pthread.h>
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/sendfile.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
@@ -24,6 +23,7 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 
+#include "KELVOCore/Files.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
 #include "KELVOCore/WorkerPool.h"
@@ -41,11 +41,63 @@ namespace {
 using Strand = asio::strand<asio::io_context::executor_type>;
 using Socket = tcp::socket::rebind_executor<Strand>::other;
 using Timer = asio::steady_timer::rebind_executor<Strand>::other;
-using RequestParser = http::request_parser<http::vector_body<std::uint8_t>>;
+
+// A request body in memory or, when the session gave it a file once the
+// header was in, in that file. Beast sets the reader up with the first body
+// byte, so the choice is made in time.
+struct SpoolBody {
+  struct value_type {
+    Bytes bytes;
+    std::shared_ptr<TempFile> file;
+    std::error_code failure;  // of the file write that stopped the body
+  };
+
+  class reader {
+   public:
+    template <bool isRequest, class Fields>
+    reader(http::header<isRequest, Fields>&, value_type& body) : body_(body) {}
+
+    void init(const boost::optional<std::uint64_t>& length, boost::beast::error_code& ec) {
+      ec = {};
+      // The body limit has already bounded the declared length.
+      if (!body_.file && length) body_.bytes.reserve(static_cast<std::size_t>(*length));
+    }
+
+    template <class ConstBufferSequence>
+    std::size_t put(const ConstBufferSequence& buffers, boost::beast::error_code& ec) {
+      ec = {};
+      std::size_t taken = 0;
+      for (auto it = asio::buffer_sequence_begin(buffers); it != asio::buffer_sequence_end(buffers); ++it) {
+        const asio::const_buffer b = *it;
+        const std::span<const std::uint8_t> part(static_cast<const std::uint8_t*>(b.data()), b.size());
+        if (!body_.file) {
+          body_.bytes.insert(body_.bytes.end(), part.begin(), part.end());
+        } else if (const std::error_code failed = body_.file->append(part)) {
+          body_.failure = failed;
+          ec = boost::system::errc::make_error_code(boost::system::errc::io_error);
+          return taken;
+        }
+        taken += part.size();
+      }
+      return taken;
+    }
+
+    void finish(boost::beast::error_code& ec) { ec = {}; }
+
+   private:
+    value_type& body_;
+  };
+};
+
+using RequestParser = http::request_parser<SpoolBody>;
 
 // Reads are small while a header block comes in and large once a body does.
 constexpr std::size_t headerReadBytes = 16 * 1024;
 constexpr std::size_t bodyReadBytes = 256 * 1024;
+// A body received into a file may take minutes; its receive clock restarts
+// each time this much more of it has arrived, so it only has to keep moving
+// (a trickle of a few bytes cannot hold the connection for ever).
+constexpr std::uint64_t uploadProgressBytes = 1024 * 1024;
 // After a response that ends the connection, what the client still sends is
 // read and dropped for this long: closing with unread input would reset the
 // connection and could destroy the response before the client has read it.
@@ -55,7 +107,20 @@ constexpr std::string_view continueResponse = "HTTP/1.1 100 Continue\r\n\r\n";
 const std::string onlyOnce = " (later cases are not logged)";
 
 // Each kind is logged the first time it happens in a server's life.
-enum class Breach : int { headers, body, malformed, receiveTimeout, idleTimeout, sendTimeout, connections, accept, count };
+enum class Breach : int {
+  headers,
+  body,
+  malformed,
+  spool,
+  firstByte,
+  receiveTimeout,
+  idleTimeout,
+  sendTimeout,
+  evicted,
+  connections,
+  accept,
+  count
+};
 
 std::size_t ioThreadCount() { return std::max(1u, std::thread::hardware_concurrency()); }
 
@@ -76,7 +141,7 @@ bool expectsContinue(const http::request_header<>& header) {
   return boost::beast::iequals(header[http::field::expect], "100-continue");
 }
 
-HttpRequest toRequest(http::request<http::vector_body<std::uint8_t>>&& message, const std::string& peer) {
+HttpRequest toRequest(http::request<SpoolBody>&& message, const std::string& peer) {
   HttpRequest r;
   r.method = text(message.method_string());
   const std::string target = text(message.target());
@@ -84,7 +149,7 @@ HttpRequest toRequest(http::request<http::vector_body<std::uint8_t>>&& message, 
   r.path = target.substr(0, q);
   if (q != std::string::npos) r.query = target.substr(q + 1);
   for (const auto& field : message) r.headers[text(field.name_string())] = text(field.value());
-  r.body = std::move(message.body());
+  r.body = std::move(message.body().bytes);
   r.peer = peer;
   return r;
 }
@@ -100,55 +165,17 @@ void raiseDescriptorLimit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A response body sent from a file with sendfile(), straight from the page
-// cache. The file is opened as soon as the handler returns, so one replaced or
-// deleted afterwards still goes out whole, as it was.
-class FileBody {
- public:
-  FileBody() = default;
-  FileBody(FileBody&& other) noexcept : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
-  FileBody& operator=(FileBody&& other) noexcept {
-    if (this != &other) {
-      reset();
-      fd_ = std::exchange(other.fd_, -1);
-      size_ = other.size_;
-    }
-    return *this;
-  }
-  ~FileBody() { reset(); }
-
-  // The body file of `response`; when it cannot be opened, `response` becomes a 500.
-  static FileBody open(HttpResponse& response) {
-    FileBody f;
-    if (response.bodyFile.empty()) return f;
-    f.fd_ = ::open(response.bodyFile.c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat st {};
-    if (f.fd_ >= 0 && fstat(f.fd_, &st) == 0 && S_ISREG(st.st_mode)) {
-      f.size_ = static_cast<std::uint64_t>(st.st_size);
-      return f;
-    }
-    AppLog::error("http", "cannot open the response file " + response.bodyFile);
-    response = HttpResponse::error(500, "internal_error", TF("服务内部出错:%s", T("要发送的文件打不开")));
-    return FileBody();
-  }
-  void reset() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-    size_ = 0;
-  }
-  bool isOpen() const { return fd_ >= 0; }
-  int fd() const { return fd_; }
-  std::uint64_t size() const { return size_; }
-
- private:
-  int fd_ = -1;
-  std::uint64_t size_ = 0;
-};
-
 TtsError portInUse(std::int64_t port) {
   return TtsError(TtsErrorCode::none, TF("端口 %d 已经被占用了。", static_cast<int>(port)) + "\n" +
                                           T("要么已经有另一个 KELVO 在运行(看看托盘),") + "\n" +
                                           T("要么被别的程序占用了 - 可以在设置里换一个端口。"));
+}
+
+// A bind address that names no interface here: no port change would help.
+TtsError addressNotHere(const std::string& address) {
+  return TtsError(TtsErrorCode::none, TF("%s 不是这台机器的地址,KELVO 无法在上面监听。", address) + "\n" +
+                                          T("请改用 0.0.0.0(所有地址)或 `ip -brief address` 列出的地址:"
+                                            "`kelvo serve --bind`,或 config.json 里 \"server\" 的 \"bind\"。"));
 }
 
 }  // namespace
@@ -163,11 +190,19 @@ struct HttpServer::Impl {
   const std::int64_t port;
   const Handler handler;
   const Options options;
+  QuickHandler quick;  // set before start(), read-only while running
+
+  // An open connection, and since when it has waited for a request's first
+  // byte (max while it receives, is handled or answers).
+  struct Slot {
+    std::weak_ptr<Session> session;
+    Clock::time_point waitingSince;
+  };
 
   mutable std::mutex lock;  // guards the three below
   bool running = false;
   std::int64_t boundPort = 0;
-  std::unordered_map<Session*, std::weak_ptr<Session>> sessions;
+  std::unordered_map<Session*, Slot> sessions;
   std::array<std::atomic<bool>, static_cast<std::size_t>(Breach::count)> logged{};
 
   std::mutex lifecycle;  // serialises start() and stop()
@@ -198,12 +233,29 @@ struct HttpServer::Impl {
     return HttpResponse::error(500, "internal_error", TF("服务内部出错:%s", what));
   }
 
+  std::optional<HttpResponse> runQuick(const HttpRequest& request) const {
+    if (!quick) return std::nullopt;
+    try {
+      return quick(request);
+    } catch (...) {
+      return std::nullopt;  // the handler proper answers it, error and all
+    }
+  }
+
   void accept();
   void onAccept(const ErrorCode& ec, Socket socket);
   void forget(Session* session) {
     std::lock_guard guard(lock);
     sessions.erase(session);
   }
+  void setWaiting(Session* session, bool waiting) {
+    std::lock_guard guard(lock);
+    const auto it = sessions.find(session);
+    if (it != sessions.end()) it->second.waitingSince = waiting ? Clock::now() : Clock::time_point::max();
+  }
+  // Takes the connection that has waited longest for a request out of
+  // `sessions`, to be closed; null when every one is busy. REQUIRES: `lock` held.
+  std::shared_ptr<Session> takeLongestWaitingLocked();
   std::string endpoint() const {
     std::lock_guard guard(lock);
     return "http://" + urlHost(bindAddress) + ":" + std::to_string(boundPort != 0 ? boundPort : port);
@@ -227,6 +279,8 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     awaitRequest();
   }
 
+  const std::string& peer() const { return peer_; }
+
   // From any thread: no handler starts for this connection any more, and the
   // socket is closed on the strand.
   void abandon() {
@@ -240,8 +294,13 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   void awaitRequest() {
     parser_.emplace();
     parser_->header_limit(static_cast<std::uint32_t>(maxHeaderBytes));
-    parser_->body_limit(maxBodyBytes);
-    parser_->eager(true);
+    // The largest limit until the header tells which one applies (chooseBody);
+    // the parser stops after the header so that the choice comes in time.
+    parser_->body_limit(maxSpooledBodyBytes);
+    parser_->eager(false);
+    bodyChosen_ = false;
+    spooled_ = false;
+    uploadProgress_ = 0;
     continueSent_ = false;
     if (buffer_.size() > 0) {  // a pipelined request already arrived
       phase_ = Phase::receiving;
@@ -249,8 +308,9 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
       parse();
     } else {
       phase_ = Phase::idle;
-      setDeadline(server_.options.idleTimeout);
+      setDeadline(sentAny_ ? server_.options.idleTimeout : server_.options.firstByteTimeout);
       if (buffer_.capacity() > headerReadBytes) buffer_.shrink_to_fit();
+      server_.setWaiting(this, true);
       read();
     }
   }
@@ -271,6 +331,11 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     }
     if (phase_ == Phase::idle) {
       phase_ = Phase::receiving;
+      sentAny_ = true;
+      server_.setWaiting(this, false);
+      setDeadline(server_.options.receiveTimeout);
+    } else if (spooled_ && (uploadProgress_ += n) >= uploadProgressBytes) {
+      uploadProgress_ = 0;
       setDeadline(server_.options.receiveTimeout);
     }
     parse();
@@ -278,7 +343,9 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
 
   void parse() {
     boost::beast::error_code ec;
-    while (buffer_.size() > 0 && !parser_->is_done()) {
+    for (;;) {
+      if (!bodyChosen_ && parser_->is_header_done() && !parser_->is_done() && !chooseBody(ec)) break;
+      if (buffer_.size() == 0 || parser_->is_done()) break;
       const std::size_t used = parser_->put(buffer_.data(), ec);
       buffer_.consume(used);
       if (ec == http::error::need_more) {
@@ -303,6 +370,43 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
                       });
   }
 
+  // Settles the body's limit and home from the header: a request the options
+  // name goes to a temporary file and may be large, any other stays in memory.
+  // False, with `ec` set, when the declared length is over the limit or no
+  // file can be made.
+  bool chooseBody(boost::beast::error_code& ec) {
+    bodyChosen_ = true;
+    spooled_ = spools();
+    const Options& o = server_.options;
+    const std::uint64_t limit = bodyLimit();
+    if (parser_->content_length().value_or(0) > limit) {
+      ec = http::error::body_limit;
+      return false;
+    }
+    parser_->body_limit(limit);
+    if (spooled_) {
+      std::optional<TempFile> file = TempFile::create(o.spoolBase);
+      if (!file) {
+        parser_->get().body().failure = {errno, std::generic_category()};
+        ec = boost::system::errc::make_error_code(boost::system::errc::io_error);
+        return false;
+      }
+      parser_->get().body().file = std::make_shared<TempFile>(std::move(*file));
+    }
+    parser_->eager(true);
+    return true;
+  }
+
+  // Whether the options name the request whose start line has been parsed.
+  bool spools() const {
+    const auto& head = parser_->get();
+    const std::string_view target(head.target().data(), head.target().size());
+    const std::string_view method(head.method_string().data(), head.method_string().size());
+    return server_.options.spoolsBody && server_.options.spoolsBody(method, target.substr(0, target.find('?')));
+  }
+
+  std::uint64_t bodyLimit() const { return spooled_ ? maxSpooledBodyBytes : maxBodyBytes; }
+
   void refuse(const boost::beast::error_code& ec) {
     close_ = true;
     if (ec == http::error::header_limit) {
@@ -314,12 +418,21 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
                                          TF("请求头超过了 %d KB 的上限", static_cast<int>(maxHeaderBytes / 1024))));
     }
     if (ec == http::error::body_limit) {
+      if (!bodyChosen_) spooled_ = spools();  // refused by the parser from a length past every limit
       if (server_.firstBreach(Breach::body)) {
-        AppLog::warn("http", "request body from " + peer_ + " over " + std::to_string(maxBodyBytes) +
+        AppLog::warn("http", "request body from " + peer_ + " over " + std::to_string(bodyLimit()) +
                                  " bytes: answered 413 and closed" + onlyOnce);
       }
       return respond(HttpResponse::error(413, "body_too_large",
-                                         TF("请求体超过了 %d MB 的上限", static_cast<int>(maxBodyBytes >> 20))));
+                                         TF("请求体超过了 %d MB 的上限", static_cast<int>(bodyLimit() >> 20))));
+    }
+    if (const std::error_code failure = parser_->get().body().failure) {
+      if (server_.firstBreach(Breach::spool)) {
+        AppLog::error("http", "cannot store the request body from " + peer_ + " under " + server_.options.spoolBase +
+                                  " (" + failure.message() + "): answered 500 and closed" + onlyOnce);
+      }
+      return respond(HttpResponse::error(500, "internal_error",
+                                         TF("服务内部出错:%s", TF("请求体无法暂存:%s", failure.message()))));
     }
     if (server_.firstBreach(Breach::malformed)) {
       AppLog::warn("http", "unparsable request from " + peer_ + " (" + ec.message() +
@@ -334,23 +447,27 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     parser_.reset();
     phase_ = Phase::handling;
     deadline_ = Clock::time_point::max();
-    server_.workers.post([self = shared_from_this(), request = toRequest(std::move(message), peer_)] {
+    std::shared_ptr<TempFile> spool = std::move(message.body().file);
+    HttpRequest request = toRequest(std::move(message), peer_);
+    if (spool) request.bodyFile = spool->path();
+    if (std::optional<HttpResponse> answer = server_.runQuick(request)) return respond(std::move(*answer));
+    server_.workers.post([self = shared_from_this(), request = std::move(request), spool = std::move(spool)]() mutable {
       if (self->abandoned_.load(std::memory_order_acquire)) return;
       HttpResponse response = self->server_.runHandler(request);
-      FileBody file = FileBody::open(response);
-      asio::post(self->strand_, [self, response = std::move(response), file = std::move(file)]() mutable {
-        self->respond(std::move(response), std::move(file));
+      spool.reset();  // deleted as soon as the handler is done with it
+      asio::post(self->strand_, [self, response = std::move(response)]() mutable {
+        self->respond(std::move(response));
       });
     });
   }
 
-  void respond(HttpResponse response, FileBody file = {}) {
+  void respond(HttpResponse response) {
     if (phase_ == Phase::closed) return;
     phase_ = Phase::writing;
     setDeadline(server_.options.idleTimeout);
-    if (file.isOpen()) {
-      file_ = std::move(file);
-      head_ = serializeResponseHead(response, file_.size(), close_);
+    if (response.bodyFile && response.bodyFile->isOpen()) {
+      file_ = std::move(response.bodyFile);
+      head_ = serializeResponseHead(response, file_->size(), close_);
       headSent_ = 0;
       fileSent_ = 0;
       return sendHeadAndFile();
@@ -366,14 +483,14 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   // a segment with the start of the file.
   void sendHeadAndFile() {
     const int socket = socket_.native_handle();
-    while (headSent_ < head_.size() || fileSent_ < file_.size()) {
+    while (headSent_ < head_.size() || fileSent_ < file_->size()) {
       ssize_t n = 0;
       if (headSent_ < head_.size()) {
         n = ::send(socket, head_.data() + headSent_, head_.size() - headSent_, MSG_MORE | MSG_NOSIGNAL);
         if (n > 0) headSent_ += static_cast<std::size_t>(n);
       } else {
         auto offset = static_cast<off_t>(fileSent_);
-        n = ::sendfile(socket, file_.fd(), &offset, std::min<std::uint64_t>(file_.size() - fileSent_, 1u << 30));
+        n = ::sendfile(socket, file_->fd(), &offset, std::min<std::uint64_t>(file_->size() - fileSent_, 1u << 30));
         if (n > 0) fileSent_ += static_cast<std::uint64_t>(n);
       }
       if (n > 0 || (n < 0 && errno == EINTR)) continue;
@@ -436,7 +553,12 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   void noteTimeout() {
     const auto ms = [](std::chrono::milliseconds d) { return std::to_string(d.count()) + " ms"; };
     const Options& o = server_.options;
-    if (phase_ == Phase::idle && server_.firstBreach(Breach::idleTimeout)) {
+    if (phase_ == Phase::idle && !sentAny_) {
+      if (server_.firstBreach(Breach::firstByte)) {
+        AppLog::info("http", "connection from " + peer_ + " sent nothing within " + ms(o.firstByteTimeout) +
+                                 ": closed" + onlyOnce);
+      }
+    } else if (phase_ == Phase::idle && server_.firstBreach(Breach::idleTimeout)) {
       AppLog::info("http", "keep-alive connection from " + peer_ + " idle for " + ms(o.idleTimeout) +
                                ": closed" + onlyOnce);
     } else if (phase_ == Phase::receiving && server_.firstBreach(Breach::receiveTimeout)) {
@@ -455,6 +577,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     ErrorCode ignored;
     socket_.close(ignored);
     timer_.cancel();
+    parser_.reset();  // with it a half-received body's temporary file
     server_.forget(this);
   }
 
@@ -467,11 +590,15 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   std::optional<RequestParser> parser_;
   Phase phase_ = Phase::idle;
   Clock::time_point deadline_ = Clock::time_point::max();
+  bool sentAny_ = false;       // the client has sent a byte on this connection
+  bool bodyChosen_ = false;    // chooseBody() ran for the request being received
+  bool spooled_ = false;       // its body goes to a temporary file
+  std::uint64_t uploadProgress_ = 0;  // bytes of it since its receive clock last restarted
   bool close_ = false;         // the response in hand ends the connection
   bool continueSent_ = false;  // "100 Continue" already went out for this request
   std::string head_;           // the response being written
   Bytes body_;
-  FileBody file_;              // or its body as a file
+  std::shared_ptr<const OpenFile> file_;  // or its body as a file
   std::size_t headSent_ = 0;
   std::uint64_t fileSent_ = 0;
   std::atomic<bool> abandoned_{false};
@@ -504,20 +631,39 @@ void HttpServer::Impl::onAccept(const ErrorCode& ec, Socket socket) {
   std::string peer = peerAddress(socket);
   auto session = std::make_shared<Session>(*this, std::move(socket), peer);
   bool admitted = false;
-  bool full = false;
+  std::shared_ptr<Session> evicted;
   {
     std::lock_guard guard(lock);
-    full = sessions.size() >= maxConnections;
-    admitted = running && !full;
-    if (admitted) sessions.emplace(session.get(), session);
+    if (running && sessions.size() >= maxConnections) evicted = takeLongestWaitingLocked();
+    admitted = running && sessions.size() < maxConnections;
+    if (admitted) sessions.emplace(session.get(), Slot{session, Clock::now()});
+  }
+  if (evicted) {
+    evicted->abandon();
+    if (firstBreach(Breach::evicted)) {
+      AppLog::warn("http", "at the cap of " + std::to_string(maxConnections) + " open connections: closed the one from " +
+                               evicted->peer() + " that had waited longest for a request, to make room" + onlyOnce);
+    }
   }
   if (admitted) {
     asio::post(strand, [session] { session->start(); });
-  } else if (full && firstBreach(Breach::connections)) {
-    AppLog::warn("http", "more than " + std::to_string(maxConnections) + " open connections: closed the one from " + peer +
-                             " at once" + onlyOnce);
+  } else if (running && firstBreach(Breach::connections)) {
+    AppLog::warn("http", "more than " + std::to_string(maxConnections) + " busy connections: closed the one from " +
+                             peer + " at once" + onlyOnce);
   }
   accept();
+}
+
+std::shared_ptr<HttpServer::Impl::Session> HttpServer::Impl::takeLongestWaitingLocked() {
+  auto oldest = sessions.end();
+  for (auto it = sessions.begin(); it != sessions.end(); ++it) {
+    if (it->second.waitingSince == Clock::time_point::max()) continue;
+    if (oldest == sessions.end() || it->second.waitingSince < oldest->second.waitingSince) oldest = it;
+  }
+  if (oldest == sessions.end()) return nullptr;
+  std::shared_ptr<Session> session = oldest->second.session.lock();
+  sessions.erase(oldest);
+  return session;
 }
 
 HttpServer::HttpServer(std::string bindAddress, std::int64_t port, Handler handler)
@@ -527,6 +673,8 @@ HttpServer::HttpServer(std::string bindAddress, std::int64_t port, Handler handl
     : impl_(std::make_unique<Impl>(std::move(bindAddress), port, std::move(handler), options)) {}
 
 HttpServer::~HttpServer() { stop(); }
+
+void HttpServer::setQuickHandler(QuickHandler quick) { impl_->quick = std::move(quick); }
 
 void HttpServer::start() {
   Impl& s = *impl_;
@@ -538,7 +686,7 @@ void HttpServer::start() {
   if (ec) {
     tcp::resolver resolver(s.io);
     const auto found = resolver.resolve(s.bindAddress, "", tcp::resolver::passive, ec);
-    if (ec || found.empty()) throw portInUse(s.port);
+    if (ec || found.empty()) throw addressNotHere(s.bindAddress);
     address = found.begin()->endpoint().address();
   }
   const tcp::endpoint endpoint(address, static_cast<std::uint16_t>(s.port));
@@ -550,6 +698,7 @@ void HttpServer::start() {
   if (ec) {
     ErrorCode ignored;
     s.acceptor.close(ignored);
+    if (ec.value() == EADDRNOTAVAIL) throw addressNotHere(s.bindAddress);
     throw portInUse(s.port);
   }
   raiseDescriptorLimit();
@@ -578,8 +727,8 @@ void HttpServer::stop() {
     std::lock_guard guard(s.lock);
     if (!s.running) return;
     s.running = false;
-    for (const auto& [raw, weak] : s.sessions) {
-      if (auto session = weak.lock()) open.push_back(std::move(session));
+    for (const auto& [raw, slot] : s.sessions) {
+      if (auto session = slot.session.lock()) open.push_back(std::move(session));
     }
   }
   asio::post(s.acceptStrand, [&s] {

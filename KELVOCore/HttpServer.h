@@ -12,16 +12,24 @@
 //
 // Limits, so a LAN client cannot exhaust memory or sockets: headers 64 KiB
 // (400 and close), body 64 MiB (413 before the body is read, then close), 30 s
-// to receive a request once its first byte arrived, 120 s idle on keep-alive
-// and 120 s to send a response, 1024 open connections (more are accepted and
-// closed at once). No timer runs while a handler works. Each kind of breach
-// is logged (source "http") the first time it happens.
+// to receive a request once its first byte arrived, 5 s for the first byte of
+// a new connection, 120 s idle on keep-alive and 120 s to send a response.
+// At most 1024 open connections: at the cap the one that has waited longest
+// for a request (a fresh or a keep-alive connection) is closed to make room,
+// so idle sockets can never lock out a monitor; only when every connection is
+// busy is the new one closed at once. No timer runs while a handler works.
+// Requests the options name may carry bodies up to 512 MiB, received into a
+// temporary file instead of memory; as a large upload may take minutes, their
+// receive clock restarts with every MiB received. Each kind of breach is logged
+// (source "http") the first time it happens.
 //
 // Thread-safe: start() and stop() may be called from any thread but a handler;
 // the handler is called concurrently from the worker pool and must be
-// thread-safe itself. Cost per request: two thread hand-offs (I/O thread to
-// worker and back) and one gathered write of header and body; the body is
-// never copied on the way out, and a `bodyFile` not even into the process.
+// thread-safe itself. Cost per request: the quick handler's answer goes out
+// from the I/O thread at once; any other request takes two thread hand-offs
+// (I/O thread to worker and back). Either way one gathered write of header and
+// body; the body is never copied on the way out, and a `bodyFile` not even
+// into the process.
 #pragma once
 
 #include <chrono>
@@ -29,10 +37,12 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "KELVOCore/Files.h"
 #include "KELVOCore/Json.h"
 #include "KELVOCore/Types.h"
 
@@ -45,6 +55,9 @@ struct HttpRequest {
   std::map<std::string, std::string> headers;  // names as received; a repeated one keeps its last value
   Bytes body;
   std::string peer;  // the client's IP address, without the port
+  // When the body went to a temporary file instead (`body` is empty): its
+  // path. The file is deleted once the handler returns.
+  std::string bodyFile;
 
   // The header's value looked up ignoring case; "" when absent.
   std::string header(std::string_view name) const;
@@ -58,10 +71,12 @@ struct HttpResponse {
   std::int64_t status = 200;
   std::map<std::string, std::string> headers;
   Bytes body;
-  // When set, the body is this file's content instead of `body`, sent with
-  // sendfile() from the page cache (no copy through the process). A file that
-  // cannot be opened when the handler returns turns the answer into a 500.
-  std::string bodyFile;
+  // When set, the body is this open file's content (its size when opened)
+  // instead of `body`, sent with sendfile() from the page cache, no copy
+  // through the process. Whatever happens to the file's path meanwhile, the
+  // bytes sent are the ones the handle was opened on; a file cut short in
+  // place mid-send ends the connection instead of the promised length.
+  std::shared_ptr<const OpenFile> bodyFile;
 
   // Serialised JSON ("{}" when it cannot be), "application/json; charset=utf-8".
   static HttpResponse json(std::int64_t status, const Json& object);
@@ -85,17 +100,29 @@ std::string serializeResponseHead(const HttpResponse& response, std::uint64_t co
 class HttpServer {
  public:
   using Handler = std::function<HttpResponse(const HttpRequest&)>;
+  // Answers what it can at once, on the I/O thread that read the request (no
+  // hand-off to the worker pool and back); nullopt passes the request on to
+  // the handler. It must never wait for anything but a briefly held lock.
+  using QuickHandler = std::function<std::optional<HttpResponse>(const HttpRequest&)>;
 
   static constexpr std::size_t maxHeaderBytes = 64 * 1024;
   static constexpr std::uint64_t maxBodyBytes = 64ull * 1024 * 1024;
+  static constexpr std::uint64_t maxSpooledBodyBytes = 512ull * 1024 * 1024;
   static constexpr int receiveTimeoutSeconds = 30;
+  static constexpr int firstByteTimeoutSeconds = 5;
   static constexpr int idleTimeoutSeconds = 120;
   static constexpr std::size_t maxConnections = 1024;
 
-  // Timings a test may shorten; the defaults are the limits above.
   struct Options {
+    // Timings a test may shorten; the defaults are the limits above.
     std::chrono::milliseconds receiveTimeout = std::chrono::seconds(receiveTimeoutSeconds);
     std::chrono::milliseconds idleTimeout = std::chrono::seconds(idleTimeoutSeconds);
+    std::chrono::milliseconds firstByteTimeout = std::chrono::seconds(firstByteTimeoutSeconds);
+    // The requests whose body may reach maxSpooledBodyBytes, told by method
+    // and path (the target before "?", as received), and the file name their
+    // temporary files start with. Called on an I/O thread; must be cheap.
+    std::function<bool(std::string_view method, std::string_view path)> spoolsBody;
+    std::string spoolBase;
   };
 
   // Port 0 picks a free port (see boundPort()). Nothing listens before start().
@@ -107,9 +134,13 @@ class HttpServer {
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
+  // REQUIRES: called before start().
+  void setQuickHandler(QuickHandler quick);
+
   // Binds (address reuse on) and listens; binding is synchronous, so this
-  // returns well within 5 s. Throws TtsError with the three-line port-in-use
-  // message when the address cannot be bound, leaving no listener. Logs
+  // returns well within 5 s. Throws TtsError, leaving no listener: a bind
+  // address that is not on this machine says so; any other failure to bind
+  // gets the three-line port-in-use message. Logs
   // "service started on " + endpoint(). Does nothing while running. Raises
   // the process's soft descriptor limit when it is too low for 1024 clients.
   void start();

@@ -154,7 +154,8 @@ HttpResponse TtsHttpService::cloneVoice(const HttpRequest& request) {
   }
 
   try {
-    VoiceInfo voice = service_->voices().addClone(spec);
+    std::vector<std::string> warnings;
+    VoiceInfo voice = service_->voices().addClone(spec, &warnings);
     // An engine that keeps its own copy of the voice hands back a profile to use instead.
     const std::string reference = service_->activeEngine()->registerReference(spec);
     if (!reference.empty()) {
@@ -162,7 +163,9 @@ HttpResponse TtsHttpService::cloneVoice(const HttpRequest& request) {
       service_->voices().update(voice);
     }
     AppLog::info("http", "voice cloned over the API: " + voice.id + " (" + std::to_string(voice.clips.size()) + " clip(s))");
-    return HttpResponse::json(200, voiceToJson(voice));
+    Json answer = voiceToJson(voice);
+    answer["warnings"] = warnings;
+    return HttpResponse::json(200, answer);
   } catch (const TtsError& e) {
     return HttpResponse::error(e.httpStatus(), errorName(e.code), e.message);
   } catch (const std::exception& e) {

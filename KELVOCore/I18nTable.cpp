@@ -57,6 +57,25 @@ void addVoices(std::unordered_map<std::string, JaEn>& t) {
   t["参考音频只有 %d 毫秒,太短了(厂商建议 5-30 秒)"] = {
       "参照音声が %d ミリ秒しかなく短すぎます(ベンダー推奨は 5〜30 秒)",
       "the reference clip is only %d ms, too short (the vendor recommends 5-30 s)"};
+  // Clips that cannot be used, and what a clone accepts with a doubt.
+  t["无法解码这段 %s 参考音频,这个声音将无法使用。%s"] = {
+      "この %s の参照音声はデコードできないため、この音声は使えません。%s",
+      "cannot decode this %s reference clip, so the voice could not speak. %s"};
+  t["无法解码这段 %s 音频,时长未知;原样交给引擎,也不能和其他片段合并"] = {
+      "この %s 音声はデコードできず、長さが分かりません。そのままエンジンに渡し、他のクリップとは結合できません",
+      "cannot decode this %s clip; its length is unknown, the engine gets it as it is, and it cannot be merged with "
+      "other clips"};
+  t["参考音频只有 %.1f 秒;建议 5-30 秒,克隆出来的声音可能不稳定"] = {
+      "参照音声は %.1f 秒しかありません。5〜30 秒を推奨します。クローンした音声が不安定になることがあります",
+      "the reference clip is only %.1f s; 5-30 s is recommended, the cloned voice may be unstable"};
+  t["参考音频有 %.0f 秒,超过了引擎接受的 30 秒;多出的部分会被截掉"] = {
+      "参照音声は %.0f 秒あり、エンジンが受け付ける 30 秒を超えています。超えた部分は切り捨てられます",
+      "the reference clip is %.0f s, over the 30 s the engine takes; the rest will be cut off"};
+  t["%.1f 秒的音频只配了 %d 个字的文字;文字应当与片段里说的话一字不差,否则克隆的声音会含糊或漏字"] = {
+      "%.1f 秒の音声に書き起こしが %d 文字しかありません。書き起こしはクリップの発話と一字一句同じにしてください。"
+      "そうでないとクローンした音声が不明瞭になったり、語が抜けたりします",
+      "%.1f s of audio has a transcript of only %d characters; it should be exactly what the clip says, or the "
+      "cloned voice will mumble or skip words"};
   t["无法保存参考音频:%s"] = {"参照音声を保存できません: %s", "cannot save the reference audio: %s"};
   t["克隆至少需要一段参考音频"] = {"クローンには参照音声が 1 つ以上必要です",
                                  "cloning needs at least one reference clip"};
@@ -81,9 +100,9 @@ void addQueue(std::unordered_map<std::string, JaEn>& t) {
 
 void addPlaceholder(std::unordered_map<std::string, JaEn>& t) {
   t["占位波形"] = {"プレースホルダー波形", "placeholder waveform"};
-  t["bin 里还没有模型;这是可听的假音频,只用来验证链路"] = {
-      "bin にまだモデルがありません;これは経路の確認だけに使う、聞こえる疑似音声です",
-      "no model under bin yet; this is audible fake audio, only to prove the pipeline works"};
+  t["%s 里还没有模型;这是可听的假音频,只用来验证链路"] = {
+      "%s にまだモデルがありません;これは経路の確認だけに使う、聞こえる疑似音声です",
+      "no model in %s yet; this is audible fake audio, only to prove the pipeline works"};
 }
 
 void addClonePack(std::unordered_map<std::string, JaEn>& t) {
@@ -131,6 +150,14 @@ void addHttp(std::unordered_map<std::string, JaEn>& t) {
   t["端口 %d 已经被占用了。"] = {"ポート %d は既に使用中です。", "port %d is already in use."};
   t["要么已经有另一个 KELVO 在运行(看看托盘),"] = {"別の KELVO が既に動いているか(トレイを確認してください)、",
                                               "either another KELVO is already running (check the tray),"};
+  // A bind address that is not on this machine.
+  t["%s 不是这台机器的地址,KELVO 无法在上面监听。"] = {"%s はこのマシンのアドレスではないため、KELVO はそこで待ち受けできません。",
+                                                "%s is not an address of this machine, so KELVO cannot listen on it."};
+  t["请改用 0.0.0.0(所有地址)或 `ip -brief address` 列出的地址:`kelvo serve --bind`,或 config.json 里 \"server\" 的 \"bind\"。"] = {
+      "0.0.0.0(すべてのアドレス)か `ip -brief address` に出るアドレスを使ってください: `kelvo serve --bind`、"
+      "または config.json の \"server\" の \"bind\"。",
+      "Use 0.0.0.0 (every address) or one that `ip -brief address` lists: `kelvo serve --bind`, or \"bind\" under \"server\" in "
+      "config.json."};
   t["要么被别的程序占用了 - 可以在设置里换一个端口。"] = {
       "別のプログラムが使っています - 設定で別のポートを選べます。",
       "or another program has taken it - you can pick a different port under Settings."};
@@ -142,13 +169,15 @@ void addHttp(std::unordered_map<std::string, JaEn>& t) {
   t["无法解析这个 HTTP 请求"] = {"この HTTP リクエストを解析できません", "this HTTP request cannot be parsed"};
   t["服务内部出错:%s"] = {"サービス内部エラー: %s", "internal service error: %s"};
   t["要发送的文件打不开"] = {"送信するファイルを開けません", "the file to be sent cannot be opened"};
+  t["请求体无法暂存:%s"] = {"リクエスト本文を一時保存できません: %s", "the request body cannot be stored: %s"};
+  t["缓存文件读不出来"] = {"キャッシュの音声ファイルを読み出せません", "the cached clip cannot be read"};
 }
 
 void addEngine(std::unordered_map<std::string, JaEn>& t) {
   // Life of the inference process.
   t["已停止"] = {"停止しました", "stopped"};
   t["模型已卸载,内存已释放"] = {"モデルをアンロードし、メモリを解放しました", "model unloaded, memory released"};
-  t["bin 里缺少 %s"] = {"bin に %s がありません", "missing %s under bin"};
+  t["%s 里缺少 %s"] = {"%s に %s がありません", "%s lacks %s"};
   t["正在载入模型…"] = {"モデルを読み込んでいます…", "loading the model…"};
   t["端口 %d..%d 全被占用了 — 推理进程没地方放"] = {"ポート %d..%d はすべて使用中です — 推論プロセスを置く場所がありません",
                                               "ports %d..%d are all taken — nowhere to put the inference process"};
@@ -175,10 +204,16 @@ void addEngine(std::unordered_map<std::string, JaEn>& t) {
       "the inference process keeps exiting (%d times); auto-restart stopped - see %s"};
   t["推理进程不见了 — 第 %d 次重启尝试…"] = {"推論プロセスが消えました — 再起動 %d 回目…",
                                         "the inference process vanished — restart attempt %d…"};
+  t["端口 %d 被另一个程序占着(不是推理进程),继续等推理进程…"] = {
+      "ポート %d は別のプログラムが使っています(推論プロセスではありません)。推論プロセスを待ち続けます…",
+      "another program holds port %d (not the inference process); still waiting for the inference process…"};
+  t["另一个程序占着端口 %d,推理进程没法在上面监听"] = {
+      "別のプログラムがポート %d を使っているため、推論プロセスはそこで待ち受けできません",
+      "another program holds port %d, so the inference process could not listen on it"};
   // One synthesis call.
   t["没有要合成的文字"] = {"合成するテキストがありません", "no text to synthesise"};
-  t["引擎不完整:bin 里缺少 %s"] = {"エンジンが不完全です: bin に %s がありません",
-                                 "the engine is incomplete: %s missing under bin"};
+  t["引擎不完整:%s 里缺少 %s"] = {"エンジンが不完全です: %s に %s がありません",
+                                 "the engine is incomplete: %s lacks %s"};
   t["模型还在载入(已经 %.0f 秒),请稍后再试"] = {"モデルはまだ読み込み中です(%.0f 秒経過)。少し待ってから再試行してください",
                                            "the model is still loading (%.0f s so far), try again shortly"};
   t["模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"] = {
@@ -271,12 +306,26 @@ void addAudioOut(std::unordered_map<std::string, JaEn>& t) {
 
 void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
   // What the `kelvo` operator commands print.
-  t["%s 上没有 KELVO 服务在应答 — 请用 `kelvo serve` 启动它"] = {
-      "%s で応答する KELVO サービスがありません — `kelvo serve` で起動してください",
-      "no KELVO service answers at %s — start it with `kelvo serve`"};
   t["服务返回了 %d"] = {"サービスが %d を返しました", "the service answered %d"};
   t["无法写入 %s:%s"] = {"%s に書き込めません: %s", "cannot write %s: %s"};
-  t["无法播放这段音频"] = {"この音声を再生できません", "cannot play this audio"};
+  t["无法打开音频设备 %s(用 KELVO_AUDIO_DEVICE 换一个)"] = {
+      "オーディオデバイス %s を開けません(KELVO_AUDIO_DEVICE で別のものを選べます)",
+      "cannot open the audio device %s (KELVO_AUDIO_DEVICE picks another)"};
+  t["%s 不是音频(能播放的是 WAV、MP3 和 Ogg Vorbis)"] = {"%s は音声ではありません(再生できるのは WAV、MP3、Ogg Vorbis)",
+                                                   "%s is not audio (kelvo play plays WAV, MP3 and Ogg Vorbis)"};
+  t["%s · 音色 %s · %.1f 秒"] = {"%s · 音声 %s · %.1f 秒", "%s · voice %s · %.1f s"};
+  t["%s 不在语言表里;如果没有为它绑定音色,服务会为它新建一个默认音色"] = {
+      "%s は言語表にありません。音声が割り当てられていなければ、サービスはこの言語用に新しいデフォルト音声を作ります",
+      "%s is not in the language table; unless a voice is bound to it, the service will create a new default voice "
+      "for it"};
+  t["注意:%s"] = {"注意: %s", "warning: %s"};
+  t["未知选项 %s"] = {"不明なオプション %s", "unknown option %s"};
+  t["未知命令 %s"] = {"不明なコマンド %s", "unknown command %s"};
+  t["你是不是想输入 %s?"] = {"%s のことですか?", "did you mean %s?"};
+  t["用 `%s --help` 查看用法。"] = {"使い方は `%s --help` で確認できます。", "see `%s --help` for usage."};
+  t["已写入 %s:%lld 个声音,%lld 段音频,%lld 个绑定,%lld 字节"] = {
+      "%s に書き出しました: 音声 %lld 件、クリップ %lld 件、割り当て %lld 件、%lld バイト",
+      "wrote %s: %lld voice(s), %lld clip(s), %lld binding(s), %lld bytes"};
   t["引擎 %s · 音色 %s · %.1f 秒 · %s"] = {"エンジン %s · 音声 %s · %.1f 秒 · %s", "engine %s · voice %s · %.1f s · %s"};
   t["缓存命中"] = {"キャッシュヒット", "cache hit"};
   t["%s · %.1f 秒"] = {"%s · %.1f 秒", "%s · %.1f s"};
@@ -305,8 +354,12 @@ void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
   t["占位"] = {"プレースホルダー", "placeholder"};
   t["%lld 条,%s,命中率 %.0f%%"] = {"%lld 件、%s、ヒット率 %.0f%%", "%lld lines, %s, hit rate %.0f%%"};
   t["队列"] = {"キュー", "Queue"};
-  t["%lld 条等待,%s;预烘焙待办 %lld"] = {"%lld 件待ち、%s、事前生成の残り %lld",
-                                         "%lld waiting, %s; pre-bake pending %lld"};
+  t["%lld 条等待,%s"] = {"%lld 件待ち、%s", "%lld waiting, %s"};
+  t["预烘焙中 %lld"] = {"事前生成中 %lld", "pre-baking %lld"};
+  t[";预烘焙失败 %lld(最近一次:%s)"] = {"、事前生成の失敗 %lld(直近: %s)", "; pre-bake failures: %lld (last: %s)"};
+  t["删除全部 %lld 条缓存(%s)?[y/N]"] = {"キャッシュ %lld 件(%s)をすべて削除しますか? [y/N]",
+                                         "delete all %lld cached lines (%s)? [y/N]"};
+  t["缓存没有动"] = {"キャッシュはそのままです", "the cache was left as it is"};
   t["正在合成"] = {"合成中", "synthesising"};
   t["空闲"] = {"待機中", "idle"};
   t["耗时"] = {"所要時間", "Latency"};
@@ -316,8 +369,44 @@ void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
   t["已排队 %lld 条,%lld 条已在缓存,跳过 %lld 条空行"] = {
       "%lld 件をキューに入れました。%lld 件はキャッシュ済み、空行 %lld 件をスキップ",
       "queued %lld, %lld already cached, %lld empty skipped"};
+  t["在后台继续;`kelvo status` 显示进度,DELETE /v1/prewarm 可以取消"] = {
+      "バックグラウンドで続けます。進捗は `kelvo status`、取り消しは DELETE /v1/prewarm",
+      "continuing in the background; `kelvo status` shows the progress, DELETE /v1/prewarm cancels it"};
+  t["✗ %s:%s"] = {"✗ %s: %s", "✗ %s: %s"};
+  t["已取消预烘焙:丢弃了 %lld 条还在等待的"] = {"事前生成を取り消しました: 待機中の %lld 件を破棄しました",
+                                         "pre-bake cancelled: %lld waiting lines dropped"};
+  t["还有 %lld 条失败没有列出 — 看 `kelvo log`"] = {"ほかに %lld 件の失敗があります — `kelvo log` を見てください",
+                                            "%lld more failed lines are not listed — see `kelvo log`"};
+  t["%lld 条没能预烘焙(共 %lld 条)"] = {"%lld 件を事前生成できませんでした(全 %lld 件中)",
+                                      "%lld lines could not be pre-baked (of %lld)"};
   t["%lld / %lld · 每分钟 %.1f 条 · 还剩 %s"] = {"%lld / %lld · 毎分 %.1f 件 · 残り %s",
                                               "%lld / %lld · %.1f lines/min · %s left"};
+}
+
+void addDataRoot(std::unordered_map<std::string, JaEn>& t) {
+  // Who owns a data root, and how the command line finds its service.
+  t["%s 上没有 KELVO 服务在应答 — 请检查 --url / KELVO_URL,或用 `kelvo serve` 启动它"] = {
+      "%s で応答する KELVO サービスがありません — --url / KELVO_URL を確認するか、`kelvo serve` で起動してください",
+      "no KELVO service answers at %s — check --url / KELVO_URL, or start one with `kelvo serve`"};
+  t["%s 上没有 KELVO 服务在应答,数据目录 %s 也没有正在运行的服务 — 请用 `kelvo serve` 启动它,或者用 --url / KELVO_URL 指定另一个服务"] = {
+      "%s で応答する KELVO サービスがなく、データフォルダ %s で動いているサービスもありません — `kelvo serve` で起動するか、--url / KELVO_URL で別のサービスを指定してください",
+      "no KELVO service answers at %s, and none runs on the data root %s — start one with `kelvo serve`, or name "
+      "another with --url / KELVO_URL"};
+  t["%s 上没有 KELVO 服务在应答,但数据目录 %s 的服务(pid %d)登记的正是这个地址 — 看看它的日志,或者用 --url / KELVO_URL 指定另一个服务"] = {
+      "%s で応答する KELVO サービスがありません。データフォルダ %s のサービス(pid %d)が登録したのはこのアドレスです — そのログを確認するか、--url / KELVO_URL で別のサービスを指定してください",
+      "no KELVO service answers at %s, although the service of the data root %s (pid %d) registered that address — "
+      "see its log, or name another with --url / KELVO_URL"};
+  t["无法锁定数据目录 %s:%s"] = {"データフォルダ %s をロックできません: %s", "cannot lock the data root %s: %s"};
+  t["数据目录 %s 正被另一个 KELVO 进程(pid %d)使用"] = {"データフォルダ %s は別の KELVO プロセス(pid %d)が使用中です",
+                                                   "the data root %s is in use by another KELVO process (pid %d)"};
+  t["数据目录 %s 正被另一个 KELVO 进程使用"] = {"データフォルダ %s は別の KELVO プロセスが使用中です",
+                                             "the data root %s is in use by another KELVO process"};
+  t["先停掉它,或者用 KELVO_HOME 给这个服务另一个数据目录"] = {
+      "先にそちらを止めるか、KELVO_HOME でこのサービスに別のデータフォルダを指定してください",
+      "stop that one first, or give this service a data root of its own with KELVO_HOME"};
+  t["服务运行时模型由它独占;先停掉服务,再运行这条命令"] = {
+      "サービスの実行中はモデルをサービスが占有しています。サービスを止めてから、このコマンドを実行してください",
+      "while a service runs, the models are its own; stop the service, then run this command again"};
 }
 
 void addOnline(std::unordered_map<std::string, JaEn>& t) {
@@ -459,6 +548,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addHttpApi(t);
     addAudioOut(t);
     addCommandLine(t);
+    addDataRoot(t);
     addOnline(t);
     addOnlineCommands(t);
     return t;
@@ -471,8 +561,50 @@ const std::unordered_map<std::string, JaEn>& macExtra() {
   return table;
 }
 
+// The core's texts were written for a desktop app with a tray and settings
+// pages; this build is a service run from a terminal or by systemd. The keys
+// stay the core's, so the code names each message once; the words, in all
+// three languages, say what to do here.
 const std::unordered_map<std::string, ZhJaEn>& macOverrides() {
-  static const std::unordered_map<std::string, ZhJaEn> table;
+  static const std::unordered_map<std::string, ZhJaEn> table = [] {
+    std::unordered_map<std::string, ZhJaEn> t;
+    t["要么已经有另一个 KELVO 在运行(看看托盘),"] = {
+        "要么已经有另一个 KELVO 在运行(看看 `kelvo status` 或 `systemctl status kelvo`),",
+        "別の KELVO が既に動いているか(`kelvo status` か `systemctl status kelvo` で確認できます)、",
+        "either another KELVO is already running (see `kelvo status` or `systemctl status kelvo`),"};
+    t["要么被别的程序占用了 - 可以在设置里换一个端口。"] = {
+        "要么被别的程序占用了(`ss -ltnp` 能看到是谁)- 用 `kelvo serve --port` 或 config.json 里 \"server\" 的 \"port\" 换一个端口。",
+        "別のプログラムが使っています(`ss -ltnp` で分かります)- `kelvo serve --port` か config.json の \"server\" の \"port\" "
+        "で別のポートを選んでください。",
+        "or another program has taken it (`ss -ltnp` shows which) - pick another port with `kelvo serve --port` or "
+        "\"port\" under \"server\" in config.json."};
+    t["等它合成完再试,或者在设置里调高合成超时。"] = {
+        "等它合成完再试,或者调高 config.json 里 \"synthesis\" 的 \"timeoutMs\"。",
+        "終わるのを待って再試行するか、config.json の \"synthesis\" の \"timeoutMs\" を長くしてください。",
+        "Wait for it to finish and try again, or raise \"timeoutMs\" under \"synthesis\" in config.json."};
+    t["模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"] = {
+        "模型已卸载,这一句缓存里没有。\n要现合成的话,重启服务(`systemctl restart kelvo`)让它重新载入模型。",
+        "モデルはアンロード済みで、この文はキャッシュにありません。\n今すぐ合成するには、サービスを再起動して"
+        "(`systemctl restart kelvo`)モデルを読み込み直してください。",
+        "The model is unloaded and this line is not in the cache.\nTo synthesise it now, restart the service "
+        "(`systemctl restart kelvo`) so that it loads the model again."};
+    t["。请在「播报」页绑定一个 - 想让这家航空公司用任何语言播报,就把它的语言设为「自动」。"] = {
+        "。用 `kelvo bind` 绑定一个 - 想让这家航空公司用任何语言播报,就用语言 auto 绑定。",
+        "。`kelvo bind` で割り当ててください - この航空会社をどの言語でも放送させるには、言語 auto で割り当ててください。",
+        ". Bind one with `kelvo bind` - to let this airline speak in any language, bind it with the language auto."};
+    t["参考音频必须附带对应的文字(厂商接口要求 reference_text 必填)"] = {
+        "参考音频必须附带对应的文字(引擎要求 reference_text)",
+        "参照音声には書き起こしが必要です(エンジンは reference_text を必要とします)",
+        "a reference clip needs its transcript (the engine requires reference_text)"};
+    t["参考音频只有 %d 毫秒,太短了(厂商建议 5-30 秒)"] = {
+        "参考音频只有 %d 毫秒,太短了(建议 5-30 秒)",
+        "参照音声が %d ミリ秒しかなく短すぎます(5〜30 秒を推奨します)",
+        "the reference clip is only %d ms, too short (5-30 s is recommended)"};
+    t["kelvo_audio.dll 不在程序旁边,无法解码 ogg - "] = {
+        "这个版本没有 Ogg 解码器,无法解码 ogg - ", "このビルドには Ogg デコーダーがないため、ogg をデコードできません - ",
+        "this build has no Ogg decoder, so ogg cannot be decoded - "};
+    return t;
+  }();
   return table;
 }
 

@@ -117,6 +117,31 @@ std::optional<Json> jObj(const Json& obj, std::string_view key) {
   return *v;
 }
 
+std::vector<std::string> jStrings(const Json& obj, std::string_view key) {
+  std::vector<std::string> out;
+  const Json* v = member(obj, key);
+  if (v == nullptr || !v->is_array()) return out;
+  for (const Json& item : *v) {
+    if (!item.is_string()) continue;
+    std::string text = trimmed(item.get_ref<const std::string&>());
+    if (!text.empty()) out.push_back(std::move(text));
+  }
+  return out;
+}
+
+std::vector<std::pair<std::string, std::string>> stringMembersInTextOrder(std::span<const std::uint8_t> bytes,
+                                                                          std::string_view key) {
+  std::vector<std::pair<std::string, std::string>> out;
+  const auto root = nlohmann::ordered_json::parse(bytes.begin(), bytes.end(), nullptr, /*allow_exceptions=*/false);
+  if (!root.is_object()) return out;
+  const auto section = root.find(key);
+  if (section == root.end() || !section->is_object()) return out;
+  for (const auto& [name, value] : section->items()) {
+    if (value.is_string()) out.emplace_back(name, value.get<std::string>());
+  }
+  return out;
+}
+
 std::string jsonString(const Json& value, bool pretty) {
   try {
     return value.dump(pretty ? 2 : -1, ' ', false, Json::error_handler_t::replace);

@@ -12,6 +12,8 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -33,6 +35,14 @@ double jFloat(const Json& obj, std::string_view key, double def);
 bool jBool(const Json& obj, std::string_view key, bool def);
 std::optional<Json> jArr(const Json& obj, std::string_view key);  // the value when it is an array
 std::optional<Json> jObj(const Json& obj, std::string_view key);  // the value when it is an object
+// The strings of an array member, trimmed; blanks and non-strings left out.
+std::vector<std::string> jStrings(const Json& obj, std::string_view key);
+// The string members of the object `key` at the top of the JSON text `bytes`,
+// in the order the text has them (a parsed Json sorts its keys). Where two
+// members mean the same, the reader can let the later one win, as people who
+// edit a file expect. Empty when there is no such object.
+std::vector<std::pair<std::string, std::string>> stringMembersInTextOrder(std::span<const std::uint8_t> bytes,
+                                                                          std::string_view key);
 
 // Serialised bytes / text. `pretty`: indented, keys sorted. Slashes are never
 // escaped. Invalid UTF-8 inside strings is replaced by U+FFFD rather than lost.

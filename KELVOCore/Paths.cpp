@@ -86,6 +86,7 @@ std::optional<std::string> bundledEngineDir() {
 std::string dataDir() { return dataRoot() + "data/"; }
 std::string configFile() { return dataDir() + "config.json"; }
 std::string voicesFile() { return dataDir() + "voices.json"; }
+std::string lockFile() { return dataDir() + "kelvo.lock"; }
 std::string voicesDir() { return dataRoot() + "clone/"; }
 std::string cacheDir() { return dataRoot() + "temp/"; }
 std::string modelsDir() { return dataRoot() + "models/"; }

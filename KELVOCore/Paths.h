@@ -27,6 +27,7 @@ std::string resourceEngineDir();
 std::string dataDir();     // data/
 std::string configFile();  // data/config.json
 std::string voicesFile();  // data/voices.json
+std::string lockFile();    // data/kelvo.lock: who owns this data root (DataRootLock)
 std::string voicesDir();   // clone/
 std::string cacheDir();    // temp/
 std::string modelsDir();   // models/

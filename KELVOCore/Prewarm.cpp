@@ -20,6 +20,7 @@ namespace {
 constexpr std::string_view kSource = "service";
 constexpr auto kIdleWake = std::chrono::seconds(1);
 constexpr std::int64_t kExcerpt = 40;
+constexpr std::int64_t kFailureExcerpt = 60;
 
 }  // namespace
 
@@ -65,9 +66,17 @@ struct PrewarmWorker::Core {
                                        static_cast<int>(waitingCount()), excerpt));
     } catch (const TtsError& e) {
       AppLog::warn(kSource, "pre-bake failed (" + e.message + "): " + excerpt);
+      recordFailure(item, e.message);
     } catch (const std::exception& e) {
       AppLog::error(kSource, std::string("pre-bake crashed (") + e.what() + "): " + excerpt);
+      recordFailure(item, e.what());
     }
+  }
+
+  void recordFailure(const TtsRequest& item, const std::string& reason) {
+    std::lock_guard guard(lock);
+    failures.recent.push_back({++failures.count, firstCharacters(trimmed(item.text), kFailureExcerpt), reason});
+    if (failures.recent.size() > recentFailureLimit) failures.recent.erase(failures.recent.begin());
   }
 
   std::int64_t waitingCount() const {
@@ -86,6 +95,7 @@ struct PrewarmWorker::Core {
   std::deque<TtsRequest> items;
   bool terminated = false;
   bool inHand = false;  // a request taken from `items` is being baked
+  Failures failures;
   const std::weak_ptr<TtsService> service;
 };
 
@@ -123,6 +133,22 @@ std::int64_t PrewarmWorker::add(const std::vector<TtsRequest>& requests) {
 }
 
 std::int64_t PrewarmWorker::pending() const { return core_->pendingCount(); }
+
+PrewarmWorker::Failures PrewarmWorker::failures() const {
+  std::lock_guard guard(core_->lock);
+  return core_->failures;
+}
+
+std::int64_t PrewarmWorker::cancel() {
+  std::int64_t dropped = 0;
+  {
+    std::lock_guard guard(core_->lock);
+    dropped = static_cast<std::int64_t>(core_->items.size());
+    core_->items.clear();
+  }
+  if (dropped > 0) AppLog::info(kSource, "pre-bake cancelled, " + std::to_string(dropped) + " waiting entries dropped");
+  return dropped;
+}
 
 void PrewarmWorker::stop() {
   {

@@ -71,8 +71,8 @@ struct TtsService::Delivery {
   bool normalize = false;
   bool nativeSpeed = false;
 
-  // Post-processes `pcm` in place and stores the result (at speed 1.0 unless
-  // the engine applied the speed itself) under `key`.
+  // Post-processes `pcm` in place and hands the result (at speed 1.0 unless
+  // the engine applied the speed itself) to the cache's writer under `key`.
   TtsResult store(WavCache& cache, PcmBuffer& pcm, std::int64_t synthMs) const {
     pcm = postProcess(std::move(pcm), targetRate, normalize);
     TtsResult result;
@@ -87,7 +87,7 @@ struct TtsService::Delivery {
     result.speed = nativeSpeed ? request.speed : 1.0f;
     result.engine = engineName;
     result.etag = key;
-    cache.put(key, result, request.effectiveText());
+    cache.putLater(key, result, request.effectiveText());
     return result;
   }
 };
@@ -128,6 +128,7 @@ void TtsService::shutdown() {
     queue_->shutdown();
     prewarm_->stop();
     parts_.s2->stop();
+    parts_.cache->flush();
     parts_.cache->saveIndex(true);
   });
 }
@@ -142,6 +143,56 @@ TtsService::~TtsService() {
 // ---- The pipeline --------------------------------------------------------------------------
 
 TtsResult TtsService::synthesize(TtsRequest request, AudioFormat format) {
+  TtsReply reply = answer(std::move(request), {}, format);
+  if (reply.file) {
+    std::optional<Bytes> wav = reply.file->readAll();
+    // Only a hand can shorten a clip that is open; the caller gets an error, never half a line.
+    if (!wav) throw TtsError(TtsErrorCode::engineFailed, T("缓存文件读不出来"));
+    reply.result.wav = std::move(*wav);
+  }
+  return std::move(reply.result);
+}
+
+TtsReply TtsService::answer(TtsRequest request, std::string_view clientTag, AudioFormat format) {
+  checkText(request);
+  const VoiceInfo voice = requireVoice(request);
+  if (request.style.empty()) request.style = voice.style;
+  const Plan route = plan(request, voice);
+  if (auto reply = fromCache(request, route, clientTag, format)) return std::move(*reply);
+  // An unloaded model turns the service into a cache-only server on purpose.
+  if (s2().currentState() == S2EngineState::unloaded) {
+    countRequest(true);
+    throw TtsError(TtsErrorCode::engineNotConnected,
+                   T("模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"));
+  }
+  TtsReply reply;
+  reply.result = synthesizeFresh(request, voice, route);
+  const bool retimed = !route.nativeSpeed && needsRetiming(request.speed);
+  deliverAs(reply.result, format, retimed ? std::string() : route.key);
+  return reply;
+}
+
+std::optional<TtsReply> TtsService::answerFromCache(TtsRequest request, std::string_view clientTag,
+                                                    AudioFormat format) {
+  std::optional<VoiceInfo> voice;
+  try {
+    checkText(request);
+    voice = voices().resolve(request).voice;
+  } catch (const TtsError&) {
+    return std::nullopt;
+  }
+  if (!voice) return std::nullopt;
+  if (request.style.empty()) request.style = voice->style;
+  const Plan route = plan(request, *voice);
+  // Retiming is real work; a line not cached at all is counted by the full path.
+  if ((!route.nativeSpeed && needsRetiming(request.speed)) || !cache().contains(route.key)) return std::nullopt;
+  // So is encoding: only a stored variant (or the client's copy of it) is answered here.
+  const std::string tag = variantTag(route.key, format);
+  if (format != AudioFormat::wav && clientTag != tag && !cache().hasVariant(route.key, tag)) return std::nullopt;
+  return fromCache(request, route, clientTag, format);
+}
+
+void TtsService::checkText(TtsRequest& request) const {
   normalizeRequest(request);
   if (request.text.empty()) throw TtsError(TtsErrorCode::emptyText, T("没有要合成的文字"));
   const std::int64_t length = characterCount(request.text);
@@ -150,34 +201,42 @@ TtsResult TtsService::synthesize(TtsRequest request, AudioFormat format) {
     throw TtsError(TtsErrorCode::textTooLong,
                    TF("文字有 %d 个字,超过了 %d 字的上限", static_cast<int>(length), static_cast<int>(limit)));
   }
-  const VoiceInfo voice = requireVoice(request);
-  if (request.style.empty()) request.style = voice.style;
+}
 
-  const Plan route = plan(request, voice);
-  const bool retimed = !route.nativeSpeed && needsRetiming(request.speed);
-  if (format != AudioFormat::wav && !retimed) {
-    if (auto hit = cache().tryGetVariant(route.key, variantTag(route.key, format))) {
-      hit->etag = variantTag(route.key, format);
-      hit->format = format;
-      countRequest(false);
-      return std::move(*hit);
+std::optional<TtsReply> TtsService::fromCache(const TtsRequest& request, const Plan& route,
+                                              std::string_view clientTag, AudioFormat format) {
+  const bool retime = !route.nativeSpeed && needsRetiming(request.speed);
+  // The tag the answer will carry is known before the clip is touched.
+  const std::string tag = variantTag(retime ? route.etag : route.key, format);
+  const bool tagMatches = !clientTag.empty() && clientTag == tag;
+  std::optional<CacheHit> hit;
+  if (format != AudioFormat::wav && !retime && !tagMatches) hit = cache().lookupVariant(route.key, tag);
+  const bool variantHit = hit.has_value();
+  if (!hit) hit = cache().lookup(route.key, !tagMatches);
+  if (!hit) return std::nullopt;
+  TtsReply reply;
+  reply.result = std::move(hit->result);
+  countRequest(false);
+  if (tagMatches) {
+    reply.result.etag = tag;
+    reply.result.format = format;
+    reply.notModified = true;
+  } else if (variantHit || (!retime && format == AudioFormat::wav && hit->file.isOpen())) {
+    reply.result.etag = tag;
+    reply.result.format = format;
+    reply.file = std::make_shared<const OpenFile>(std::move(hit->file));
+  } else {
+    // A retimed or newly encoded hit reads the 1.0 clip (a line still on its way
+    // to the disk is in memory).
+    if (hit->file.isOpen()) {
+      std::optional<Bytes> wav = hit->file.readAll();
+      if (!wav) throw TtsError(TtsErrorCode::engineFailed, T("缓存文件读不出来"));
+      reply.result.wav = std::move(*wav);
     }
+    if (retime && retimeFromCache(reply.result, request.speed)) reply.result.etag = route.etag;
+    deliverAs(reply.result, format, retime ? std::string() : route.key);
   }
-  if (auto hit = cache().tryGet(route.key)) {
-    if (retimed && retimeFromCache(*hit, request.speed)) hit->etag = route.etag;
-    deliverAs(*hit, format, retimed ? std::string() : route.key);
-    countRequest(false);
-    return std::move(*hit);
-  }
-  // An unloaded model turns the service into a cache-only server on purpose.
-  if (s2().currentState() == S2EngineState::unloaded) {
-    countRequest(true);
-    throw TtsError(TtsErrorCode::engineNotConnected,
-                   T("模型已卸载,这一句缓存里没有。\n要现合成的话,先在「模型」页点「载入模型」。"));
-  }
-  TtsResult fresh = synthesizeFresh(request, voice, route);
-  deliverAs(fresh, format, retimed ? std::string() : route.key);
-  return fresh;
+  return reply;
 }
 
 void TtsService::deliverAs(TtsResult& result, AudioFormat format, const std::string& variantOwner) const {
@@ -196,13 +255,41 @@ VoiceInfo TtsService::requireVoice(const TtsRequest& request) {
   // An airline request never makes a voice of its own: its binding is the operator's call.
   if (!voice && request.airline.empty() && config().autoCreateDefaultVoice()) {
     try {
-      voice = bootstrapDefaultVoice(request.language, request.gender);
+      voice = defaultVoiceOnce(request);
     } catch (const std::exception& e) {
       AppLog::warn(kSource, std::string("could not create the default voice: ") + e.what());
     }
   }
   if (!voice) throw TtsError(TtsErrorCode::badVoice, noVoiceMessage(request));
   return std::move(*voice);
+}
+
+VoiceInfo TtsService::defaultVoiceOnce(const TtsRequest& request) {
+  const std::string key = defaultKey(request.language, request.gender);
+  std::promise<VoiceInfo> made;
+  std::shared_future<VoiceInfo> result;
+  bool creator = false;
+  {
+    std::lock_guard guard(creatingLock_);
+    auto [it, first] = creating_.try_emplace(key);
+    if (first) it->second = made.get_future().share();
+    result = it->second;
+    creator = first;
+  }
+  if (!creator) return result.get();  // the other caller's voice, or its error
+
+  try {
+    // A creation that ended between our caller's lookup and here has bound its voice already.
+    std::optional<VoiceInfo> bound = voices().resolve(request).voice;
+    made.set_value(bound ? std::move(*bound) : bootstrapDefaultVoice(request.language, request.gender));
+  } catch (...) {
+    made.set_exception(std::current_exception());
+  }
+  {
+    std::lock_guard guard(creatingLock_);
+    creating_.erase(key);
+  }
+  return result.get();
 }
 
 TtsService::Plan TtsService::plan(const TtsRequest& request, const VoiceInfo& voice) {
@@ -428,6 +515,7 @@ ServiceStats TtsService::stats() {
   s.queueDepth = queue_->depth();
   s.busy = queue_->busy();
   s.prewarmPending = prewarmPending();
+  s.prewarmFailures = prewarmFailures();
   s.p50Ms = percentile(0.5);
   s.p95Ms = percentile(0.95);
   return s;
@@ -436,6 +524,10 @@ ServiceStats TtsService::stats() {
 std::int64_t TtsService::prewarmRequests(const std::vector<TtsRequest>& requests) { return prewarm_->add(requests); }
 
 std::int64_t TtsService::prewarmPending() const { return prewarm_->pending(); }
+
+PrewarmWorker::Failures TtsService::prewarmFailures() const { return prewarm_->failures(); }
+
+std::int64_t TtsService::cancelPrewarm() { return prewarm_->cancel(); }
 
 bool TtsService::isCached(const TtsRequest& original) {
   TtsRequest request = original;

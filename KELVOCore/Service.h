@@ -12,15 +12,20 @@
 // handlers hold it weakly and do nothing once it is gone.
 //
 // Cost: a cache hit is a few hash lookups, two SHA-256 of the key text and one
-// file read; a fresh line adds the engine time, linear-time post-processing and
-// one file write. Settings are read per request, so a changed speed mode,
+// open() of the clip (answer) or one file read (synthesize); a fresh line adds
+// the engine time and linear-time post-processing, its file write happens on
+// the cache's writer thread. Settings are read per request, so a changed speed mode,
 // output rate, normalisation, cache switch or timeout applies to the next one.
 #pragma once
 
 #include <cstdint>
+#include <future>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,6 +33,7 @@
 #include "KELVOCore/Cache.h"
 #include "KELVOCore/Config.h"
 #include "KELVOCore/EngineS2Local.h"
+#include "KELVOCore/Prewarm.h"
 #include "KELVOCore/Queue.h"
 #include "KELVOCore/Voices.h"
 
@@ -43,6 +49,7 @@ struct ServiceStats {
   std::int64_t cacheCount = 0;
   std::int64_t queueDepth = 0;
   std::int64_t prewarmPending = 0;
+  PrewarmWorker::Failures prewarmFailures;  // failed pre-bake lines since start
   bool busy = false;
   std::int64_t p50Ms = 0;
   std::int64_t p95Ms = 0;
@@ -52,6 +59,16 @@ struct ServiceStats {
   std::string engineDetail;
   bool engineReady = false;
   bool placeholder = false;
+};
+
+// A synthesis answer in the form the HTTP layer sends it.
+struct TtsReply {
+  // The facts of the line. `wav` holds the audio unless `file` does or the
+  // answer is notModified.
+  TtsResult result;
+  // A 1.0x cache hit: the clip itself, opened by the cache, sent as it is.
+  std::shared_ptr<const OpenFile> file;
+  bool notModified = false;  // the client already holds `result.etag`; nothing to send
 };
 
 class PrewarmWorker;
@@ -97,6 +114,18 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // there next time, so a repeat costs no encoding; retimed audio is encoded
   // afresh each time (it is made afresh each time anyway).
   TtsResult synthesize(TtsRequest request, AudioFormat format = AudioFormat::wav);
+  // The same for a client that may hold a tag already (`clientTag`, bare, ""
+  // for none): a hit whose tag matches is answered from the index alone, a 1.0x
+  // hit hands out its open clip (or its stored variant) instead of its bytes,
+  // and a fresh line is stored in the background after the answer is made.
+  // Throws TtsError.
+  TtsReply answer(TtsRequest request, std::string_view clientTag, AudioFormat format = AudioFormat::wav);
+  // The same answer when it is a plain cache hit that needs no retiming, no
+  // encoding and no new voice; nullopt otherwise (a miss is not counted:
+  // answer() follows). Never waits for the engine or an encoder, so an I/O
+  // thread may call it.
+  std::optional<TtsReply> answerFromCache(TtsRequest request, std::string_view clientTag,
+                                          AudioFormat format = AudioFormat::wav);
   // The placeholder while the real engine is missing, else the real engine.
   std::shared_ptr<TtsEngine> activeEngine();
   // (key, etag): the cache entry and the client-visible tag; equal with native speed.
@@ -111,6 +140,7 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // Asks the model for a reference line (seeded from stableHash of
   // "language:gender code", 31 bits), stores it as a voice, binds it as the
   // default of (language, gender) and saves the configuration. Throws TtsError.
+  // Unconditional: synthesize() goes through a single-flight guard instead.
   VoiceInfo bootstrapDefaultVoice(const std::string& language, TtsGender gender);
   // Why no voice was found and how to bind one, localised.
   std::string noVoiceMessage(const TtsRequest& request) const;
@@ -122,6 +152,9 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // Hands the non-empty requests to the pre-bake worker; returns how many.
   std::int64_t prewarmRequests(const std::vector<TtsRequest>& requests);
   std::int64_t prewarmPending() const;
+  PrewarmWorker::Failures prewarmFailures() const;
+  // Drops the pre-bake lines still waiting; returns how many.
+  std::int64_t cancelPrewarm();
   // Whether synthesize(request) would be a cache hit right now: the same
   // voice resolution (never creating a voice) and key. Counts nothing.
   bool isCached(const TtsRequest& request);
@@ -149,8 +182,17 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // The request's voice, created as the default of its language and gender
   // when nothing is bound and the configuration allows it. Throws TtsError.
   VoiceInfo requireVoice(const TtsRequest& request);
+  // The default voice the request resolves to, created once per (language,
+  // gender): a caller that comes while another creates it waits for that
+  // voice (or that error) instead of making a second one. Throws TtsError.
+  VoiceInfo defaultVoiceOnce(const TtsRequest& request);
+  // Normalises `request` and refuses an empty or too long text (TtsError).
+  void checkText(TtsRequest& request) const;
   // REQUIRES: `request` is normalised and carries the voice's style.
   Plan plan(const TtsRequest& request, const VoiceInfo& voice);
+  // The answer from the cache, counted; nullopt on a miss.
+  std::optional<TtsReply> fromCache(const TtsRequest& request, const Plan& route, std::string_view clientTag,
+                                    AudioFormat format);
   std::pair<std::string, std::string> keysFor(const TtsRequest& request, const VoiceInfo& voice,
                                               const std::string& engineName, TtsSpeedMode mode,
                                               std::int64_t targetRate, bool nativeSpeed) const;
@@ -165,6 +207,9 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   std::unique_ptr<SynthQueue> queue_;
   std::unique_ptr<PrewarmWorker> prewarm_;
   std::once_flag shutdownOnce_;
+
+  std::mutex creatingLock_;  // guards creating_; never held across a creation
+  std::map<std::string, std::shared_future<VoiceInfo>> creating_;  // by default-voice key
 
   mutable std::mutex lock_;  // guards the fields below
   bool usingPlaceholder_ = false;

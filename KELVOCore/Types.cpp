@@ -113,7 +113,7 @@ struct ErrorRow {
   int status;
 };
 // Indexed by code - 1; `none` is outside the table on purpose.
-constexpr std::array<ErrorRow, 11> errorRows{{
+constexpr std::array<ErrorRow, 12> errorRows{{
     {"empty_text", 400},
     {"text_too_long", 413},
     {"bad_voice", 404},
@@ -125,6 +125,7 @@ constexpr std::array<ErrorRow, 11> errorRows{{
     {"timeout", 504},
     {"clone_failed", 500},
     {"not_found", 404},
+    {"bad_pack", 400},
 }};
 }  // namespace
 
@@ -338,9 +339,12 @@ float clampSpeed(float v) {
 }
 
 std::string sha256Bytes(std::span<const std::uint8_t> data) {
+  // Fetched once: EVP_sha256() makes every digest look the algorithm up
+  // again behind the provider's locks, which showed on every cache hit.
+  static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  EVP_Digest(data.data(), data.size(), digest, &length, EVP_sha256(), nullptr);
+  EVP_Digest(data.data(), data.size(), digest, &length, sha256 != nullptr ? sha256 : EVP_sha256(), nullptr);
   static constexpr char hex[] = "0123456789ABCDEF";
   std::string out;
   out.reserve(length * 2);

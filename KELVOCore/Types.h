@@ -82,6 +82,7 @@ enum class TtsErrorCode : int {
   timeout,
   cloneFailed,
   notFound,
+  badPack,
 };
 std::string_view errorName(TtsErrorCode c);  // wire name, e.g. "engine_not_connected"
 int httpStatus(TtsErrorCode c);              // `none` deliberately maps to 500

@@ -165,6 +165,7 @@ struct VoiceLibrary::PreparedClip {
   std::string extension;  // ".wav", ".mp3" or ".ogg"
   std::string text;       // trimmed transcript
   std::int64_t durationMs = 0;
+  std::vector<std::string> warnings;  // localised, for whoever asked
 };
 
 VoiceLibrary::VoiceLibrary(std::string voicesFile, std::string clipDir)
@@ -304,13 +305,18 @@ void VoiceLibrary::update(const VoiceInfo& voice) {
 
 // ---- Adding clips and voices -----------------------------------------------------------
 
-VoiceLibrary::PreparedClip VoiceLibrary::prepareClip(const VoiceClipInput& input) {
+VoiceLibrary::PreparedClip VoiceLibrary::prepareClip(const VoiceClipInput& input, bool alone) {
   if (input.audio.empty()) throw TtsError(TtsErrorCode::badAudio, T("这段音频没有数据"));
-  PreparedClip clip{input.audio, sniffExtension(input.audio), trimmed(input.text), 0};
+  PreparedClip clip{input.audio, sniffExtension(input.audio), trimmed(input.text), 0, {}};
   if (clip.text.empty()) {
     throw TtsError(TtsErrorCode::badAudio, T("参考音频必须附带对应的文字(厂商接口要求 reference_text 必填)"));
   }
   if (clip.extension.empty()) throw TtsError(TtsErrorCode::badAudio, T("这段音频不是 WAV、MP3 或 Ogg"));
+  // Each warning goes to the log and back to whoever asked for the clone.
+  auto warn = [&](const std::string& logLine, std::string forPeople) {
+    AppLog::warn(kSource, logLine);
+    clip.warnings.push_back(std::move(forPeople));
+  };
 
   std::optional<PcmBuffer> pcm;
   std::string oggReason;
@@ -322,8 +328,14 @@ VoiceLibrary::PreparedClip VoiceLibrary::prepareClip(const VoiceClipInput& input
     pcm = decodeReference(clip.audio);
   }
   if (!pcm || pcm->isEmpty()) {
-    AppLog::warn(kSource, "cannot decode this " + clip.extension.substr(1) + " clip; duration unknown " +
-                              "and it cannot join a multi-clip merge" + (oggReason.empty() ? "" : " " + oggReason));
+    const std::string format = clip.extension.substr(1);
+    // The engine takes no Ogg, and a merge skips what it cannot decode: such a
+    // clip would leave a voice that cannot speak.
+    if (clip.extension == ".ogg" || !alone) {
+      throw TtsError(TtsErrorCode::badAudio, TF("无法解码这段 %s 参考音频,这个声音将无法使用。%s", format, oggReason));
+    }
+    warn("cannot decode this " + format + " clip; duration unknown and it cannot join a multi-clip merge",
+         TF("无法解码这段 %s 音频,时长未知;原样交给引擎,也不能和其他片段合并", format));
     return clip;
   }
   clip.durationMs = pcm->durationMs();
@@ -331,13 +343,22 @@ VoiceLibrary::PreparedClip VoiceLibrary::prepareClip(const VoiceClipInput& input
     throw TtsError(TtsErrorCode::badAudio,
                    TF("参考音频只有 %d 毫秒,太短了(厂商建议 5-30 秒)", static_cast<int>(clip.durationMs)));
   }
+  const double secs = seconds(clip.durationMs);
   if (clip.durationMs < 5000) {
-    AppLog::warn(kSource, formatText("reference audio is only %.1f s; the official guidance is 5-30 s, cloning may be "
-                                    "unstable",
-                                    seconds(clip.durationMs)));
+    warn(formatText("reference audio is only %.1f s; 5-30 s is recommended, cloning may be unstable", secs),
+         TF("参考音频只有 %.1f 秒;建议 5-30 秒,克隆出来的声音可能不稳定", secs));
   } else if (clip.durationMs > maxReferenceMs) {
-    AppLog::warn(kSource, formatText("reference audio is %.0f s, over the 30 s the vendor recommends; it will be trimmed",
-                                    seconds(clip.durationMs)));
+    warn(formatText("reference audio is %.0f s, over the 30 s the engine takes; it will be trimmed", secs),
+         TF("参考音频有 %.0f 秒,超过了引擎接受的 30 秒;多出的部分会被截掉", secs));
+  }
+  // Even fast speech has a few characters a second; far fewer means the
+  // transcript is not what the clip says, and the voice learns the mismatch.
+  const std::int64_t characters = characterCount(clip.text);
+  if (clip.durationMs >= 5000 && characters * 1000 < clip.durationMs) {
+    warn(formatText("transcript of %d characters for %.1f s of audio; it should be exactly what the clip says",
+                    static_cast<int>(characters), secs),
+         TF("%.1f 秒的音频只配了 %d 个字的文字;文字应当与片段里说的话一字不差,否则克隆的声音会含糊或漏字", secs,
+            static_cast<int>(characters)));
   }
   return clip;
 }
@@ -364,10 +385,13 @@ std::string VoiceLibrary::predictId(const VoiceCloneSpec& spec) const {
   return freeIdLocked(base);
 }
 
-VoiceInfo VoiceLibrary::addClone(const VoiceCloneSpec& spec) {
+VoiceInfo VoiceLibrary::addClone(const VoiceCloneSpec& spec, std::vector<std::string>* warnings) {
   if (spec.clips.empty()) throw TtsError(TtsErrorCode::badAudio, T("克隆至少需要一段参考音频"));
   std::vector<PreparedClip> prepared;
-  for (const auto& input : spec.clips) prepared.push_back(prepareClip(input));
+  for (const auto& input : spec.clips) {
+    prepared.push_back(prepareClip(input, spec.clips.size() == 1));
+    if (warnings) warnings->insert(warnings->end(), prepared.back().warnings.begin(), prepared.back().warnings.end());
+  }
   const std::string base = contentId(spec);
 
   VoiceInfo voice;
@@ -409,7 +433,7 @@ VoiceInfo VoiceLibrary::addClip(std::string_view voiceId, const VoiceClipInput& 
   const std::string key = toLower(trimmed(voiceId));
   auto noSuchVoice = [&] { return TtsError(TtsErrorCode::badVoice, TF("没有这个声音:%s", std::string(voiceId))); };
   if (!find(key)) throw noSuchVoice();
-  PreparedClip clip = prepareClip(input);
+  PreparedClip clip = prepareClip(input, false);
 
   VoiceInfo updated;
   bool found = false;
@@ -622,7 +646,7 @@ std::optional<Bytes> VoiceLibrary::mergedClipAudio(const VoiceInfo& voice) const
   int used = 0;
   for (const auto& clip : voice.clips) {
     if (used > 0 && merged.data.size() >= limit) {
-      AppLog::info(kSource, formatText("merged reference audio already reached %.1f s (the vendor caps it at 30 s); "
+      AppLog::info(kSource, formatText("merged reference audio already reached %.1f s (the engine takes at most 30 s); "
                                       "skipping the rest",
                                       static_cast<double>(merged.data.size()) / static_cast<double>(merged.sampleRate)));
       break;

@@ -75,7 +75,11 @@ class VoiceLibrary {
   std::string predictId(const VoiceCloneSpec& spec) const;
   // Checks and stores every clip, then adds and saves the voice. Throws
   // TtsError; on failure no voice is added and no clip file is left behind.
-  VoiceInfo addClone(const VoiceCloneSpec& spec);
+  // A clip that cannot be decoded fails unless it is the only one and not Ogg
+  // (the engine gets its bytes as they are). What was accepted with a doubt (a
+  // short or long clip, a transcript too short for its audio) is logged and,
+  // localised, appended to `warnings` when given.
+  VoiceInfo addClone(const VoiceCloneSpec& spec, std::vector<std::string>* warnings = nullptr);
   // One more clip for an existing voice. Throws TtsError (unknown voice, bad clip).
   VoiceInfo addClip(std::string_view voiceId, const VoiceClipInput& clip);
   // False for an unknown voice or index; throws TtsError for the only clip.
@@ -109,7 +113,9 @@ class VoiceLibrary {
   struct PreparedClip;
 
   // Checks and decodes one clip; throws TtsError when it cannot be used.
-  static PreparedClip prepareClip(const VoiceClipInput& input);
+  // `alone`: the voice will have no other clip, so undecodable WAV or MP3
+  // bytes can still go to the engine as they are.
+  static PreparedClip prepareClip(const VoiceClipInput& input, bool alone);
   std::error_code writeClip(const PreparedClip& clip, const std::string& fileName) const;
   static TtsError saveClipError(std::error_code ec);
   static void logSaveError(std::error_code ec);

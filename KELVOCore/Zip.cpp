@@ -155,50 +155,68 @@ Bytes ZipWriter::finish() {
 
 // ---- Reader ---------------------------------------------------------------------
 
-ZipReader::ZipReader(Bytes owned, std::span<const std::uint8_t> bytes) : owned_(std::move(owned)), bytes_(bytes) {
+ZipReader::ZipReader(Bytes owned, std::span<const std::uint8_t> bytes, std::optional<RandomAccessFile> file)
+    : owned_(std::move(owned)), bytes_(bytes), file_(std::move(file)) {
   if (!owned_.empty()) bytes_ = owned_;
+  size_ = file_ ? file_->size() : bytes_.size();
 }
 
-ZipResult<ZipReader> ZipReader::open(Bytes data) { return parse(ZipReader(std::move(data), {})); }
+ZipResult<ZipReader> ZipReader::open(Bytes data) { return parse(ZipReader(std::move(data), {}, std::nullopt)); }
 
-ZipResult<ZipReader> ZipReader::openView(std::span<const std::uint8_t> data) { return parse(ZipReader({}, data)); }
+ZipResult<ZipReader> ZipReader::openView(std::span<const std::uint8_t> data) {
+  return parse(ZipReader({}, data, std::nullopt));
+}
 
 ZipResult<ZipReader> ZipReader::openFile(const std::string& path) {
-  auto bytes = readFile(path);
-  if (!bytes) return ZipError::corrupt("cannot read " + path);
-  return open(std::move(*bytes));
+  auto file = RandomAccessFile::open(path);
+  if (!file) return ZipError::corrupt("cannot read " + path);
+  return parse(ZipReader({}, {}, std::move(file)));
+}
+
+std::optional<std::span<const std::uint8_t>> ZipReader::fetch(std::uint64_t offset, std::uint64_t length,
+                                                              Bytes& scratch) const {
+  if (offset > size_ || length > size_ - offset) return std::nullopt;
+  if (!file_) return bytes_.subspan(offset, length);
+  scratch.resize(length);
+  if (!file_->readAt(offset, scratch)) return std::nullopt;
+  return std::span<const std::uint8_t>(scratch);
 }
 
 ZipResult<ZipReader> ZipReader::parse(ZipReader reader) {
-  const std::span<const std::uint8_t> b = reader.bytes_;
-  const std::uint64_t size = b.size();
+  const std::uint64_t size = reader.size_;
   if (size < kEndRecordBytes) return ZipError::notAZip();
 
   // The end record sits behind an archive comment of up to 65,535 bytes.
   const std::uint64_t lowest = size > kEndRecordBytes + kLongestComment ? size - kEndRecordBytes - kLongestComment : 0;
+  Bytes scratch;
+  const auto tail = reader.fetch(lowest, size - lowest, scratch);
+  if (!tail) return ZipError::corrupt("cannot read the end of the archive");
   std::optional<std::uint64_t> end;
-  for (std::uint64_t at = size - kEndRecordBytes;; --at) {
-    if (get32(b, at) == kEndSignature) {
+  for (std::uint64_t at = tail->size() - kEndRecordBytes;; --at) {
+    if (get32(*tail, at) == kEndSignature) {
       end = at;
       break;
     }
-    if (at == lowest) break;
+    if (at == 0) break;
   }
   if (!end) return ZipError::notAZip();
 
-  const std::uint16_t count = get16(b, *end + 10);
-  std::uint64_t at = get32(b, *end + 16);
+  const std::uint16_t count = get16(*tail, *end + 10);
+  std::uint64_t at = get32(*tail, *end + 16);
   std::uint64_t declared = 0;
+  Bytes nameScratch;
   for (std::uint16_t i = 0; i < count; ++i) {
-    if (at + kCentralHeaderBytes > size) return ZipError::corrupt("truncated central directory");
-    if (get32(b, at) != kCentralSignature) return ZipError::corrupt("bad central directory entry");
-    const std::uint64_t nameBytes = get16(b, at + 28);
-    const std::uint64_t next = at + kCentralHeaderBytes + nameBytes + get16(b, at + 30) + get16(b, at + 32);
-    if (next > size) return ZipError::corrupt("truncated central directory");
-    const auto* namePtr = reinterpret_cast<const char*>(b.data() + at + kCentralHeaderBytes);
-    std::string name(namePtr, nameBytes);
+    const auto fixed = reader.fetch(at, kCentralHeaderBytes, scratch);
+    if (!fixed) return ZipError::corrupt("truncated central directory");
+    const std::span<const std::uint8_t> c = *fixed;
+    if (get32(c, 0) != kCentralSignature) return ZipError::corrupt("bad central directory entry");
+    const std::uint64_t nameBytes = get16(c, 28);
+    const std::uint64_t next = at + kCentralHeaderBytes + nameBytes + get16(c, 30) + get16(c, 32);
+    const auto nameData = reader.fetch(at + kCentralHeaderBytes, nameBytes, nameScratch);
+    if (next > size || !nameData) return ZipError::corrupt("truncated central directory");
+    std::string name(nameData->begin(), nameData->end());
     if (name.find('\0') != std::string::npos) return ZipError::corrupt("bad entry name");
-    const Entry entry{get32(b, at + 42), get16(b, at + 10), get32(b, at + 20), get32(b, at + 24), get32(b, at + 16)};
+    const Entry entry{get32(c, 42), get16(c, 10), get32(c, 20), get32(c, 24), get32(c, 16)};
     if (entry.usize > maxEntryBytes) return ZipError::corrupt("entry too large: " + name);
     declared += entry.usize;
     if (declared > maxTotalBytes) return ZipError::corrupt("archive expands past 512 MiB");
@@ -224,26 +242,29 @@ ZipResult<std::optional<Bytes>> ZipReader::read(std::string_view wanted) {
   if (it == index_.end()) return std::optional<Bytes>();
   const std::string& name = it->first;
   const Entry& entry = it->second;
-  const std::uint64_t size = bytes_.size();
-  if (entry.offset + kLocalHeaderBytes > size || get32(bytes_, entry.offset) != kLocalSignature) {
-    return ZipError::corrupt("bad local header for " + name);
-  }
+  Bytes scratch;
+  const auto local = fetch(entry.offset, kLocalHeaderBytes, scratch);
+  if (!local || get32(*local, 0) != kLocalSignature) return ZipError::corrupt("bad local header for " + name);
   // The local name and extra field may differ in length from the central ones.
-  const std::uint64_t dataAt =
-      entry.offset + kLocalHeaderBytes + get16(bytes_, entry.offset + 26) + get16(bytes_, entry.offset + 28);
-  if (dataAt + entry.csize > size) return ZipError::corrupt("truncated data for " + name);
-  const auto data = bytes_.subspan(dataAt, entry.csize);
+  const std::uint64_t dataAt = entry.offset + kLocalHeaderBytes + get16(*local, 26) + get16(*local, 28);
+  if (entry.method != kStored && entry.method != kDeflated) {
+    return ZipError::corrupt("unsupported compression method " + std::to_string(entry.method) + " for " + name);
+  }
+  // Refused before the compressed bytes are fetched, so a reader over a file
+  // never takes more memory than the limits allow. Deflate grows data that
+  // does not compress by a few bytes per 16 KiB block at most.
+  const std::uint64_t limit = std::min(maxEntryBytes, maxTotalBytes - handedOut_);
+  if (entry.csize > (entry.method == kStored ? limit : limit + limit / 1000 + 1024)) return tooLarge(name);
+  const auto data = fetch(dataAt, entry.csize, scratch);
+  if (!data) return ZipError::corrupt("truncated data for " + name);
 
   Bytes out;
   if (entry.method == kStored) {
-    if (entry.csize > std::min(maxEntryBytes, maxTotalBytes - handedOut_)) return tooLarge(name);
-    out.assign(data.begin(), data.end());
-  } else if (entry.method == kDeflated) {
-    auto inflated = inflateEntry(data, entry, name);
+    out = file_ ? std::move(scratch) : Bytes(data->begin(), data->end());
+  } else {
+    auto inflated = inflateEntry(*data, entry, name);
     if (!inflated.ok()) return inflated.error();
     out = std::move(inflated).value();
-  } else {
-    return ZipError::corrupt("unsupported compression method " + std::to_string(entry.method) + " for " + name);
   }
   if (crc32(out) != entry.crc) return ZipError::corrupt("checksum mismatch for " + name);
   handedOut_ += out.size();

@@ -1,7 +1,7 @@
 // Zip archives, the subset clone packs travel in: one disk, no zip64, no
 // encryption, entries stored (method 0) or raw DEFLATE (method 8). The writer
 // builds the whole archive in memory; the reader parses the central directory
-// of an archive held in memory and inflates entries on demand.
+// of an archive held in memory or in a file and inflates entries on demand.
 //
 // Archives arrive from other machines and a public hub, so the reader treats
 // every byte as hostile. Beyond the classic format rules it
@@ -18,7 +18,8 @@
 // Nothing here throws: failures come back as ZipError values. Neither class is
 // safe for concurrent use; a reader counts what it hands out, so even its
 // reads belong to one thread at a time. Cost: opening is one pass over the
-// central directory; a read copies or inflates only that entry.
+// central directory; a read copies or inflates only that entry. A reader over
+// a file holds no more than the entry being read.
 #pragma once
 
 #include <cstdint>
@@ -31,6 +32,7 @@
 #include <variant>
 #include <vector>
 
+#include "KELVOCore/Files.h"
 #include "KELVOCore/Types.h"
 
 namespace kelvo {
@@ -124,7 +126,8 @@ class ZipReader {
   static ZipResult<ZipReader> open(Bytes data);
   // The same over bytes the caller keeps. REQUIRES: `data` outlives the reader.
   static ZipResult<ZipReader> openView(std::span<const std::uint8_t> data);
-  // Reads the file whole, then as open(); an unreadable file is corrupt.
+  // The same over a file, read piece by piece as entries are asked for; an
+  // unreadable file is corrupt. REQUIRES: nobody changes the file meanwhile.
   static ZipResult<ZipReader> openFile(const std::string& path);
 
   ZipReader(ZipReader&&) = default;
@@ -132,7 +135,7 @@ class ZipReader {
   ZipReader(const ZipReader&) = delete;
   ZipReader& operator=(const ZipReader&) = delete;
 
-  std::size_t size() const { return bytes_.size(); }  // of the archive
+  std::uint64_t size() const { return size_; }  // of the archive
   bool contains(std::string_view name) const;
   // Entry names in archive order (by the offset of their local header). Of
   // several entries with one name, the last in the directory is the one read.
@@ -149,8 +152,11 @@ class ZipReader {
     std::uint32_t crc = 0;
   };
 
-  ZipReader(Bytes owned, std::span<const std::uint8_t> bytes);
+  ZipReader(Bytes owned, std::span<const std::uint8_t> bytes, std::optional<RandomAccessFile> file);
   static ZipResult<ZipReader> parse(ZipReader reader);
+  // `length` bytes at `offset`: a view of the archive in memory, or read from
+  // the file into `scratch`. Absent past the end or on a read error.
+  std::optional<std::span<const std::uint8_t>> fetch(std::uint64_t offset, std::uint64_t length, Bytes& scratch) const;
   // Inflates with the declared size as the first guess, doubling up to eight
   // times while the stream goes on, never past the size limits.
   ZipResult<Bytes> inflateEntry(std::span<const std::uint8_t> data, const Entry& entry, const std::string& name);
@@ -160,6 +166,8 @@ class ZipReader {
   // A vector keeps its buffer when moved, so `bytes_` stays valid across moves.
   Bytes owned_;
   std::span<const std::uint8_t> bytes_;
+  std::optional<RandomAccessFile> file_;  // instead of `bytes_`
+  std::uint64_t size_ = 0;
   std::map<std::string, Entry, std::less<>> index_;
   std::uint64_t handedOut_ = 0;  // bytes returned by read() so far
 };

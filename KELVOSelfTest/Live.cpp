@@ -15,6 +15,7 @@
 #include "KELVOCore/ChildProcess.h"
 #include "KELVOCore/ClonePack.h"
 #include "KELVOCore/Config.h"
+#include "KELVOCore/DataRootLock.h"
 #include "KELVOCore/EngineS2Local.h"
 #include "KELVOCore/Hub.h"
 #include "KELVOCore/I18n.h"
@@ -85,6 +86,17 @@ bool runSmoke() {
   bool allPassed = true;
   KELVOPaths::ensureDirectories();
   const std::string root = KELVOPaths::dataRoot();
+  // The engine started here writes the root's engine log and pid file: never
+  // behind a running service's back.
+  DataRootOwner owner;
+  std::error_code lockError;
+  const auto ownership = DataRootLock::acquire(KELVOPaths::lockFile(), owner, lockError);
+  if (!ownership) {
+    check("数据目录", false,
+          lockError ? lockError.message() : TF("数据目录 %s 正被另一个 KELVO 进程(pid %d)使用", root, static_cast<int>(owner.pid)),
+          allPassed);
+    return allPassed;
+  }
   check("数据目录", pathExists(KELVOPaths::dataDir()) && pathExists(KELVOPaths::logsDir()), root, allPassed);
 
   AppConfig config;

@@ -11,7 +11,7 @@ namespace kelvo::cli {
 
 // Options every client command shares; given before or after the subcommand.
 struct CommonOptions {
-  std::string url;    // empty: ServiceClient::defaultUrl()
+  std::string url;    // empty: found by ServiceClient
   bool json = false;  // print the service's raw answer
 };
 
@@ -28,8 +28,10 @@ void addPrebakeCommand(CLI::App& app, const CommonOptions& common);
 // `kelvo pack export`, `kelvo pack import`.
 void addPackCommands(CLI::App& app, const CommonOptions& common);
 // `kelvo models [download|rm]`, `kelvo update`, `kelvo hub list|get|share|unshare`:
-// these work on this machine's data root, except `hub get`, which hands the pack
-// to the running service so that its voice library stays the one in charge.
+// models work on this machine's data root under its lock (refused while a
+// service runs); the hub commands that change anything here go through the
+// running service, so that its configuration and voice library stay the ones
+// in charge.
 void addOnlineCommands(CLI::App& app, const CommonOptions& common, int& status);
 
 }  // namespace kelvo::cli

@@ -1,7 +1,8 @@
 // `kelvo models`, `kelvo update` and `kelvo hub`: the commands that reach
-// outside servers. They work on this machine's data root directly rather than
-// through a running service, so an operator can fetch the model before the
-// service has ever started.
+// outside servers. `kelvo models` works on this machine's data root directly,
+// so an operator can fetch the model before the service has ever started; it
+// holds the data root's lock while it writes. The hub commands that change
+// anything here (get, share, unshare) go through the running service.
 #include <pthread.h>
 #include <signal.h>
 
@@ -17,7 +18,6 @@
 #include "KELVOCore/Paths.h"
 #include "KELVOCore/Update.h"
 #include "KELVOCore/Version.h"
-#include "KELVOCore/Voices.h"
 #include "KELVOServer/Client.h"
 #include "KELVOServer/Commands.h"
 #include "KELVOServer/Progress.h"
@@ -31,7 +31,7 @@ ModelVariant variantNamed(const std::string& id) {
   if (std::optional<ModelVariant> v = findModelVariant(id)) return *v;
   std::string known;
   for (const ModelVariant& v : modelVariants()) known += (known.empty() ? "" : ", ") + v.id;
-  throw CommandError{exitRefused, TF("没有 %s 这个模型版本(可选:%s)", id, known)};
+  throw CommandError{exitUsage, TF("没有 %s 这个模型版本(可选:%s)", id, known)};
 }
 
 // The configuration as the service would read it; the defaults when the data root has none yet.
@@ -100,8 +100,13 @@ DownloadReport downloadCancellable(ModelDownloader& downloader, const ModelVaria
   return report;
 }
 
+// While a service runs, the data root is its own; a model changed under it
+// would be half there when the engine starts on it.
+std::unique_ptr<DataRootLock> lockForModels() { return lockDataRoot(T("服务运行时模型由它独占;先停掉服务,再运行这条命令")); }
+
 void downloadModel(const DownloadOptions& o) {
   const ModelVariant variant = o.variant.empty() ? modelVariants().front() : variantNamed(o.variant);
+  const auto ownership = lockForModels();
   EngineOptions engine = loadConfig()->engine();
   if (o.mirror || o.noMirror) engine.useMirror = o.mirror;
   ModelDownloadSettings settings;
@@ -126,6 +131,7 @@ void downloadModel(const DownloadOptions& o) {
 
 void removeModelCommand(const std::string& id) {
   const ModelVariant variant = variantNamed(id);
+  const auto ownership = lockForModels();
   if (!removeModel(variant)) throw CommandError{exitRefused, TF("%s 没有装,没有可删除的文件", variant.id)};
   std::printf("%s\n", TF("已删除 %s", variant.fileName).c_str());
 }
@@ -178,15 +184,6 @@ void onHub(F&& operation) {
   }
 }
 
-struct LocalLibrary {
-  std::shared_ptr<AppConfig> config = loadConfig();
-  VoiceLibrary voices;
-  LocalLibrary() {
-    voices.setConfig(config);
-    voices.load();
-  }
-};
-
 void hubList() {
   onHub([](const HubClient& hub) {
     std::vector<Row> rows;
@@ -211,21 +208,26 @@ void hubGet(const std::string& id, const CommonOptions& common) {
   }
 }
 
-void hubShare(const ShareOptions& o) {
+// Shares go through the running service: a share's delete key lives in its
+// configuration, which it would overwrite on its next save. The hub is the one
+// this command would list, so the share lands where the operator looks.
+void hubShare(const ShareOptions& o, const CommonOptions& common) {
   if (o.airlines.empty() && o.voices.empty()) throw CommandError{exitUsage, T("请至少指定一个航司绑定或音色来共享")};
-  onHub([&](const HubClient& hub) {
-    LocalLibrary local;
-    const ShareResult result = shareOnHub(hub, o.title, o.airlines, o.voices, local.voices, *local.config);
-    if (result.unchanged) std::printf("%s\n", TF("已经共享过,内容没有变化:%s", result.id).c_str());
-    else std::printf("%s\n%s\n", TF("已共享:%s", result.id).c_str(), result.summary.describe().c_str());
-  });
+  const HubClient hub = configuredHub();
+  const Json body{{"title", o.title}, {"airlines", o.airlines}, {"voices", o.voices}, {"hub", hub.baseUrl()}};
+  const Json result = ServiceClient(common.url).callJson("POST", "/v1/hub/shares", body);
+  const std::string id = jStr(result, "id");
+  if (jBool(result, "unchanged", false)) {
+    std::printf("%s\n", TF("已经共享过,内容没有变化:%s", id).c_str());
+  } else {
+    std::printf("%s\n%s\n", TF("已共享:%s", id).c_str(), jStr(jObj(result, "pack").value_or(Json()), "summary").c_str());
+  }
 }
 
-void hubUnshare(const std::string& id) {
-  onHub([&](const HubClient& hub) {
-    unshareFromHub(hub, id, *loadConfig());
-    std::printf("%s\n", TF("已撤下共享 %s", id).c_str());
-  });
+void hubUnshare(const std::string& id, const CommonOptions& common) {
+  const HubClient hub = configuredHub();
+  ServiceClient(common.url).callJson("DELETE", "/v1/hub/shares/" + urlEncode(id) + "?hub=" + urlEncode(hub.baseUrl()));
+  std::printf("%s\n", TF("已撤下共享 %s", id).c_str());
 }
 
 }  // namespace
@@ -262,15 +264,17 @@ void addOnlineCommands(CLI::App& app, const CommonOptions& common, int& status) 
   hubGetCmd->add_option("id", *getId, "the share's id")->required();
   hubGetCmd->callback([getId, &common] { hubGet(*getId, common); });
   auto share = std::make_shared<ShareOptions>();
-  CLI::App* shareCmd = hub->add_subcommand("share", "Pack bindings and voices and upload them to the hub.");
+  CLI::App* shareCmd =
+      hub->add_subcommand("share", "Have the running service pack bindings and voices and upload them to the hub.");
   shareCmd->add_option("--airline", share->airlines, "binding key such as KVO:en:female (repeatable)");
   shareCmd->add_option("--voice", share->voices, "voice id (repeatable)");
   shareCmd->add_option("--title", share->title, "the share's title")->required();
-  shareCmd->callback([share] { hubShare(*share); });
+  shareCmd->callback([share, &common] { hubShare(*share, common); });
   auto unshareId = std::make_shared<std::string>();
-  CLI::App* unshareCmd = hub->add_subcommand("unshare", "Take down a share made from this installation.");
+  CLI::App* unshareCmd =
+      hub->add_subcommand("unshare", "Have the running service take down a share it made.");
   unshareCmd->add_option("id", *unshareId, "the share's id")->required();
-  unshareCmd->callback([unshareId] { hubUnshare(*unshareId); });
+  unshareCmd->callback([unshareId, &common] { hubUnshare(*unshareId, common); });
 }
 
 }  // namespace kelvo::cli

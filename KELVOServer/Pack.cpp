@@ -37,6 +37,11 @@ void exportPack(const ExportOptions& o, const CommonOptions& common) {
   }
   Json summary = parseJsonObject(reply.header("x-kelvo-pack")).value_or(Json::object());
   summary["file"] = o.output;
+  summary["bytes"] = reply.body.size();
+  // The service's summary line counts what an import adds; an export says what it wrote.
+  summary["summary"] = TF("已写入 %s:%lld 个声音,%lld 段音频,%lld 个绑定,%lld 字节", o.output,
+                          static_cast<long long>(jInt(summary, "voices", 0)), static_cast<long long>(jInt(summary, "clips", 0)),
+                          static_cast<long long>(jInt(summary, "bindings", 0)), static_cast<long long>(reply.body.size()));
   printSummary(summary, common);
 }
 

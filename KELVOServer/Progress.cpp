@@ -48,6 +48,12 @@ void ProgressReporter::update(std::int64_t done, std::int64_t total, const std::
   }
 }
 
+void ProgressReporter::note(const std::string& line) {
+  std::printf("%s%s\n", drawn_ ? "\r\033[K" : "", line.c_str());
+  std::fflush(stdout);
+  drawn_ = false;
+}
+
 void ProgressReporter::finish() {
   if (drawn_) std::printf("\n");
   drawn_ = false;

@@ -28,6 +28,9 @@ class ProgressReporter {
   // `done` of `total` units, described by `detail` (shown after the bar).
   // A total of 0 or less shows only the detail on a terminal and no line otherwise.
   void update(std::int64_t done, std::int64_t total, const std::string& detail);
+  // Prints one line of its own (also when quiet) above the bar, which the
+  // next update draws again.
+  void note(const std::string& line);
   // Ends the terminal's bar line; the next update starts a fresh one and counts tenths anew.
   void finish();
 

@@ -1,7 +1,8 @@
-// `kelvo serve`: brings the service up in order (data root, configuration,
-// voices, cache, queue, engine, then the HTTP listener), runs until SIGTERM or
-// SIGINT, and takes it down in the reverse order so that waiting requests get
-// a clear answer and the cache index is written.
+// `kelvo serve`: brings the service up in order (the data root's lock, the
+// sweep of temporary files dead writers left, configuration, voices, cache,
+// queue, engine, then the HTTP listener, whose URL goes into the lock file),
+// runs until SIGTERM or SIGINT, and takes it down in the reverse order so that
+// waiting requests get a clear answer and the cache index is written.
 #include <pthread.h>
 #include <signal.h>
 
@@ -10,11 +11,15 @@
 #include <optional>
 #include <string>
 
+#include "KELVOCore/DataRootLock.h"
+#include "KELVOCore/Files.h"
 #include "KELVOCore/HttpRoutes.h"
 #include "KELVOCore/HubStore.h"
+#include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
 #include "KELVOCore/Paths.h"
 #include "KELVOCore/Service.h"
+#include "KELVOServer/Client.h"
 #include "KELVOServer/Commands.h"
 
 namespace kelvo::cli {
@@ -39,6 +44,19 @@ void setUpLogOutput() {
   });
 }
 
+// A writer killed between its temporary file and the rename leaves the
+// temporary behind; nothing else would ever remove it.
+void removeOrphanedTemps() {
+  const std::string root = KELVOPaths::dataRoot();
+  for (const std::string& dir : {KELVOPaths::dataDir(), KELVOPaths::voicesDir(), KELVOPaths::cacheDir(),
+                                 KELVOPaths::logsDir(), root + "hub/"}) {
+    const std::vector<std::string> removed = removeOrphanedTempFiles(dir);
+    if (removed.empty()) continue;
+    AppLog::info("serve", "removed " + std::to_string(removed.size()) + " temporary file(s) a dead writer left in " +
+                              dir + ", e.g. " + removed.front());
+  }
+}
+
 int serve(const ServeOptions& options) {
   // The stop signals are blocked before any thread exists, so every thread
   // inherits the mask and only sigwait below ever sees them.
@@ -51,6 +69,15 @@ int serve(const ServeOptions& options) {
   setUpLogOutput();
 
   AppLog::info("serve", "data root " + KELVOPaths::dataRoot());
+  std::unique_ptr<DataRootLock> ownership;
+  try {
+    ownership = lockDataRoot(T("先停掉它,或者用 KELVO_HOME 给这个服务另一个数据目录"));
+  } catch (const CommandError& e) {
+    AppLog::drainHandlers();
+    std::fprintf(stderr, "%s\n", e.message.c_str());
+    return 1;
+  }
+  removeOrphanedTemps();
   std::shared_ptr<TtsService> service = TtsService::open();
   TtsHttpService api(service);
   if (options.hub) {
@@ -66,6 +93,7 @@ int serve(const ServeOptions& options) {
     AppLog::drainHandlers();
     return 1;
   }
+  ownership->publish(api.endpoint());
   for (const std::string& url : api.allEndpoints()) AppLog::info("serve", "reachable at " + url);
 
   int received = 0;
@@ -91,6 +119,7 @@ void addServeCommand(CLI::App& app, int& status) {
                 "also serve the sharing hub (/API/hub.php) from the data root's hub/ folder, for an intranet hub");
   cmd->footer(
       "Data root: $KELVO_HOME, else KELVO-data beside the executable, else ~/.local/share/KELVO/.\n"
+      "One service per data root: a second one exits 1 naming the first one's pid.\n"
       "Without engine/s2 and a models/*.gguf under the data root a placeholder engine answers.\n"
       "KELVO_VERBOSE=1 echoes every log line to standard error.");
   cmd->callback([options, &status] { status = serve(*options); });

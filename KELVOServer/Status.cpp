@@ -1,7 +1,10 @@
 // `kelvo status`, `kelvo log` and `kelvo cache clear`: what the service is
 // doing, what it said, and dropping its cached lines.
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <thread>
 
 #include "KELVOCore/I18n.h"
@@ -14,6 +17,20 @@ namespace kelvo::cli {
 namespace {
 
 std::string megabytes(std::int64_t bytes) { return formatText("%.1f MB", static_cast<double>(bytes) / 1048576.0); }
+
+// Pending pre-bake lines keep the engine busy between live requests: that is
+// not idle, and failed ones are worth a look at `kelvo log`.
+std::string queueState(const Json& stats) {
+  const std::int64_t prebaking = jInt(stats, "prewarm_pending", 0);
+  const std::string state = prebaking > 0               ? TF("预烘焙中 %lld", static_cast<long long>(prebaking))
+                            : jBool(stats, "busy", false) ? T("正在合成")
+                                                          : T("空闲");
+  std::string text = TF("%lld 条等待,%s", static_cast<long long>(jInt(stats, "queue_depth", 0)), state);
+  if (const std::int64_t failed = jInt(stats, "prewarm_failed", 0); failed > 0) {
+    text += TF(";预烘焙失败 %lld(最近一次:%s)", static_cast<long long>(failed), jStr(stats, "prewarm_last_error"));
+  }
+  return text;
+}
 
 void status(const CommonOptions& common) {
   ServiceClient client(common.url);
@@ -29,9 +46,7 @@ void status(const CommonOptions& common) {
                       jStr(health, "engine_detail")},
       {T("缓存"), TF("%lld 条,%s,命中率 %.0f%%", static_cast<long long>(jInt(stats, "cache_count", 0)),
                     megabytes(jInt(stats, "cache_bytes", 0)), jFloat(stats, "cache_hit_rate", 0) * 100.0)},
-      {T("队列"), TF("%lld 条等待,%s;预烘焙待办 %lld", static_cast<long long>(jInt(stats, "queue_depth", 0)),
-                    jBool(stats, "busy", false) ? T("正在合成") : T("空闲"),
-                    static_cast<long long>(jInt(stats, "prewarm_pending", 0)))},
+      {T("队列"), queueState(stats)},
       {T("耗时"), formatText("p50 %lld ms · p95 %lld ms · RTF %.2f", static_cast<long long>(jInt(stats, "p50_ms", 0)),
                              static_cast<long long>(jInt(stats, "p95_ms", 0)), jFloat(stats, "rtf", 0))},
       {T("请求"), TF("共 %lld,失败 %lld", static_cast<long long>(jInt(stats, "total", 0)),
@@ -75,6 +90,25 @@ void showLog(const LogOptions& o, const CommonOptions& common) {
   }
 }
 
+// A person at a terminal is asked first: pre-baked lines can take hours to make again.
+void clearCache(bool yes, const CommonOptions& common) {
+  ServiceClient client(common.url);
+  if (!yes && isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1) {
+    const Json stats = client.callJson("GET", "/v1/stats");
+    std::printf("%s ", TF("删除全部 %lld 条缓存(%s)?[y/N]", static_cast<long long>(jInt(stats, "cache_count", 0)),
+                          megabytes(jInt(stats, "cache_bytes", 0)))
+                          .c_str());
+    std::fflush(stdout);
+    std::string answer;
+    for (int c = std::getchar(); c != EOF && c != '\n'; c = std::getchar()) answer.push_back(static_cast<char>(c));
+    answer = toLower(trimmed(answer));
+    if (answer != "y" && answer != "yes") throw CommandError{exitRefused, T("缓存没有动")};
+  }
+  client.callJson("DELETE", "/v1/cache");
+  if (common.json) std::printf("{\"cleared\":true}\n");
+  else std::printf("%s\n", T("缓存已清空").c_str());
+}
+
 }  // namespace
 
 void addStatusCommands(CLI::App& app, const CommonOptions& common) {
@@ -90,11 +124,10 @@ void addStatusCommands(CLI::App& app, const CommonOptions& common) {
 
   CLI::App* cache = app.add_subcommand("cache", "Manage the cache of synthesised lines.");
   cache->require_subcommand(1);
-  cache->add_subcommand("clear", "Delete every cached line.")->callback([&common] {
-    ServiceClient(common.url).callJson("DELETE", "/v1/cache");
-    if (common.json) std::printf("{\"cleared\":true}\n");
-    else std::printf("%s\n", T("缓存已清空").c_str());
-  });
+  auto yes = std::make_shared<bool>(false);
+  CLI::App* clear = cache->add_subcommand("clear", "Delete every cached line (asks first on a terminal).");
+  clear->add_flag("-y,--yes", *yes, "do not ask");
+  clear->callback([yes, &common] { clearCache(*yes, common); });
 }
 
 }  // namespace kelvo::cli

@@ -52,8 +52,12 @@ void cloneVoice(const CloneOptions& o, const CommonOptions& common) {
   const Json body{{"display", o.display}, {"language", o.language}, {"gender", o.gender},
                   {"style", o.style},     {"clips", std::move(clips)}};
   const Json v = ServiceClient(common.url).callJson("POST", "/v1/voices/clone", body);
-  printJsonOr(common, v, TF("已克隆音色 %s(%s,%d 段)", jStr(v, "id"), jStr(v, "display"),
-                            static_cast<int>(jInt(v, "clip_count", 0))) + "\n");
+  std::string text = TF("已克隆音色 %s(%s,%d 段)", jStr(v, "id"), jStr(v, "display"),
+                        static_cast<int>(jInt(v, "clip_count", 0))) + "\n";
+  for (const Json& warning : jArr(v, "warnings").value_or(Json::array())) {
+    if (warning.is_string()) text += TF("注意:%s", warning.get<std::string>()) + "\n";
+  }
+  printJsonOr(common, v, text);
 }
 
 void removeVoice(const std::string& id, const CommonOptions& common) {

@@ -7,6 +7,7 @@
 #include "KELVOCore/Version.h"
 #include "KELVOServer/Client.h"
 #include "KELVOServer/Commands.h"
+#include "KELVOServer/Mistakes.h"
 
 int main(int argc, char** argv) {
   using namespace kelvo::cli;
@@ -16,7 +17,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough();  // --url and --json may follow the subcommand
   CommonOptions common;
-  app.add_option("--url", common.url, "the service's URL (default: $KELVO_URL, else the configuration's)");
+  app.add_option("--url", common.url, "the service's URL (default: $KELVO_URL, else the one the data root's service published, else the configuration's)");
   app.add_flag("--json", common.json, "print the service's answer as JSON");
   app.footer(
       "Exit status: 0 done, 1 refused (by the service; for models, update and hub by the outside server or this "
@@ -35,7 +36,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::Success& e) {
     return app.exit(e);  // --help and --version
   } catch (const CLI::ParseError& e) {
-    app.exit(e);
+    std::fprintf(stderr, "kelvo: %s\n", explainParseError(app, e).c_str());
     return exitUsage;
   } catch (const CommandError& e) {
     std::fprintf(stderr, "%s\n", e.message.c_str());

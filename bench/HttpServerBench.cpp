@@ -34,7 +34,7 @@ void roundTrips(benchmark::State& state, std::size_t bytes, int depth, bool asFi
     if (!asFile) return canned;
     kelvo::HttpResponse r;
     r.headers = canned.headers;
-    r.bodyFile = path;
+    r.bodyFile = std::make_shared<const kelvo::OpenFile>(kelvo::OpenFile::open(path).value());
     return r;
   });
   server.start();

@@ -1,8 +1,9 @@
 // Any bytes as a clone pack. An input whose first byte is even is the archive
-// itself: ZipReader must open it or refuse it, and every read must stay within
-// the size limits. An input whose first byte is odd is a manifest: the rest is
-// packed as "cln.json" beside valid clips under ordinary and hostile names, so
-// the import logic is fuzzed past the archive's checksums.
+// itself: ZipReader must open it or refuse it, alike from memory and from a
+// file, and every read must stay within the size limits. An input whose first
+// byte is odd is a manifest: the rest is packed as "cln.json" beside valid
+// clips under ordinary and hostile names, so the import logic is fuzzed past
+// the archive's checksums.
 //
 // Either way importPack must add whole voices or nothing, refuse only with
 // TtsError and nothing changed, and leave no file but the library's own clips
@@ -41,16 +42,35 @@ Bytes packAround(const std::uint8_t* manifest, std::size_t size) {
   return writer.finish();
 }
 
+// The archive opened in memory and from a file, which the reader fetches
+// piece by piece: both must list the same entries and give the same bytes or
+// the same refusal, and every read must stay within the size limits.
 void readEverything(std::span<const std::uint8_t> data) {
-  auto opened = ZipReader::openView(data);
-  if (!opened.ok()) return;
-  ZipReader reader = std::move(opened).value();
+  static const std::string file = fuzz::scratchFolder() + "input.cln";
+  fuzz::writeInput(file, data.data(), data.size());
+  auto inMemory = ZipReader::openView(data);
+  auto fromFile = ZipReader::openFile(file);
+  if (inMemory.ok() != fromFile.ok()) std::abort();
+  if (!inMemory.ok()) {
+    if (inMemory.error().description() != fromFile.error().description()) std::abort();
+    return;
+  }
+  ZipReader memoryReader = std::move(inMemory).value();
+  ZipReader fileReader = std::move(fromFile).value();
+  if (memoryReader.names() != fileReader.names() || memoryReader.size() != fileReader.size()) std::abort();
   std::uint64_t total = 0;
-  for (const auto& name : reader.names()) {
-    if (!reader.contains(name)) std::abort();
-    auto entry = reader.read(name);
-    if (!entry.ok()) continue;
-    if (!entry.value() || entry.value()->size() > ZipReader::maxEntryBytes) std::abort();
+  for (const auto& name : memoryReader.names()) {
+    if (!memoryReader.contains(name)) std::abort();
+    auto entry = memoryReader.read(name);
+    auto again = fileReader.read(name);
+    if (entry.ok() != again.ok()) std::abort();
+    if (!entry.ok()) {
+      if (entry.error().description() != again.error().description()) std::abort();
+      continue;
+    }
+    if (!entry.value() || entry.value()->size() > ZipReader::maxEntryBytes || *entry.value() != *again.value()) {
+      std::abort();
+    }
     total += entry.value()->size();
   }
   if (total > ZipReader::maxTotalBytes) std::abort();

@@ -13,6 +13,7 @@ KELVO_PACKAGES=(
   libasound2-dev
   libgtest-dev libgmock-dev libbenchmark-dev libsoundtouch-dev
   libpugixml-dev
+  scdoc dpkg-dev file lintian
   libmp3lame-dev libopusenc-dev libflac-dev
   # Independent decoders the round-trip tests check the encoders against.
   mpg123 opus-tools flac sox

@@ -268,11 +268,14 @@ TEST(WavCacheTest, IndexReaderIsLenientAboutTypesAndStrictAboutNames) {
   }
 }
 
-TEST(WavCacheTest, DropsFilesChangedBehindItsBack) {
+// A hit hands out the clip opened under the index lock: whatever happens to
+// the file afterwards, the handle reads the whole line it was opened on. A clip
+// deleted or cut short behind the cache's back is a miss, never half a line.
+TEST(WavCacheTest, HitsStayWholeAndDamagedClipsAreDropped) {
   TempDir dir;
   WavCache cache(dir.path());
-  cache.put("A", line(400), "a");
-  cache.put("B", line(400), "b");
+  for (const char* key : {"A", "B", "C", "D"}) cache.put(key, line(400), key);
+  cache.put("E", line(600), "e");
   AppLog::clear();
 
   fs::remove(dir.path() + "A.wav");
@@ -284,7 +287,106 @@ TEST(WavCacheTest, DropsFilesChangedBehindItsBack) {
   EXPECT_FALSE(cache.readAudio("B"));
   EXPECT_EQ(logged(LogLevel::warn, "cannot read cache file (B"), "cannot read cache file (B.wav), dropping the entry");
   EXPECT_FALSE(fs::exists(dir.path() + "B.wav"));  // a torn clip must not come back as an orphan
-  EXPECT_EQ(std::make_tuple(cache.stats().count, cache.stats().bytes), std::make_tuple(0, 0));
+
+  fs::resize_file(dir.path() + "C.wav", 399);
+  EXPECT_FALSE(cache.lookup("C", true));
+  EXPECT_FALSE(fs::exists(dir.path() + "C.wav"));
+
+  // Without the file, a lookup is the index alone: the facts, nothing opened.
+  fs::remove(dir.path() + "D.wav");
+  const auto facts = cache.lookup("D", false);
+  ASSERT_TRUE(facts);
+  EXPECT_FALSE(facts->file.isOpen());
+  EXPECT_EQ(std::tie(facts->result.etag, facts->result.voiceId, facts->result.durationMs),
+            std::make_tuple("D", "v1", line(400).durationMs));
+  EXPECT_FALSE(cache.lookup("D", true));
+
+  auto held = cache.lookup("E", true);
+  ASSERT_TRUE(held && held->file.isOpen());
+  EXPECT_TRUE(held->result.wav.empty());
+  cache.clear();
+  cache.put("E", line(800), "e, stored anew");
+  EXPECT_EQ(held->file.readAll(), line(600).wav);
+  const CacheStats s = cache.stats();
+  EXPECT_EQ(std::make_tuple(s.count, s.bytes, s.hits, s.misses), std::make_tuple(1, 800, 2, 3));
+}
+
+// A line handed to the writer thread is a hit at once, and stays one.
+TEST(WavCacheTest, BackgroundStoresAreHitsFromTheFirstMoment) {
+  TempDir dir;
+  {
+    WavCache cache(dir.path());
+    cache.putLater("A", line(600), "a");
+    const auto hit = cache.tryGet("A");  // from memory or from disk, whichever it is by now
+    ASSERT_TRUE(hit);
+    EXPECT_EQ(hit->wav, line(600).wav);
+    EXPECT_EQ(hit->voiceId, "v1");
+    cache.putLater("B", line(500), "b");
+    cache.remove("B");  // before, during or after its write: gone either way
+    cache.putLater("C", line(500), "c");
+    cache.clear();
+    cache.flush();
+    for (const char* gone : {"A", "B", "C"}) {
+      EXPECT_FALSE(cache.contains(gone)) << gone;
+      EXPECT_FALSE(fs::exists(dir.path() + gone + ".wav")) << gone;
+    }
+    cache.putLater("D", line(300), "d");
+    cache.flush();
+    cache.putLater("D", line(700), "the same key again");  // already on disk: not written twice
+    cache.flush();
+    EXPECT_EQ(readFile(dir.path() + "D.wav"), line(300).wav);
+    cache.putLater("E", line(300), "e");
+  }  // the destructor finishes the write and indexes it
+  WavCache reopened(dir.path());
+  EXPECT_EQ(reopened.stats().count, 2);
+  EXPECT_EQ(reopened.readAudio("E"), line(300).wav);
+}
+
+// Whatever the budget, the file system keeps min(1 GiB, 5 %) free: the least
+// recently used lines go first, and a line that would not fit even then is not kept.
+TEST(WavCacheTest, KeepsTheDiskFloorFreeWhateverTheBudget) {
+  struct Case {
+    const char* what;
+    std::uint64_t total;
+    std::uint64_t floor;
+    std::int64_t budget;
+  };
+  const Case cases[] = {{"large disk, no budget", 500ull << 30, 1ull << 30, 0},
+                        {"small disk, 5 %", 10ull << 30, 512ull << 20, 0},
+                        {"budget far above the room", 500ull << 30, 1ull << 30, 1 << 20}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir dir;
+    // 1500 bytes above the floor before the cache writes; its clips use up the rest.
+    const auto query = [&c, &dir](const std::string&) -> std::optional<DiskSpace> {
+      std::uint64_t used = 0;
+      for (const auto& f : fs::directory_iterator(dir.path())) {
+        if (f.path().extension() == ".wav") used += f.file_size();
+      }
+      return DiskSpace{c.floor + 1500 - used, c.total};
+    };
+    AppLog::clear();
+    WavCache cache(dir.path(), c.budget, DiskFloor(query));
+    cache.put("A", line(600), "a");
+    cache.put("B", line(600), "b");
+    EXPECT_EQ(cache.stats().evictions, 0);
+    EXPECT_TRUE(cache.tryGet("A"));  // B is now the least recently used
+    cache.put("C", line(600), "c");
+    EXPECT_EQ(std::make_tuple(cache.contains("A"), cache.contains("B"), cache.contains("C")),
+              std::make_tuple(true, false, true));
+    EXPECT_GE(query(dir.path())->available, c.floor);
+
+    cache.put("D", line(2000), "d");  // more than the whole room: kept out, and nothing evicted for it
+    EXPECT_FALSE(cache.contains("D"));
+    EXPECT_FALSE(fs::exists(dir.path() + "D.wav"));
+    EXPECT_EQ(cache.stats().count, 2);
+    EXPECT_TRUE(logged(LogLevel::warn, "not caching D.wav: the disk is nearly full"));
+  }
+  // A file system that cannot be asked leaves the budget alone in charge.
+  TempDir dir;
+  WavCache blind(dir.path(), 0, DiskFloor([](const std::string&) { return std::optional<DiskSpace>(); }));
+  for (unsigned i = 0; i < 5; ++i) blind.put(keyOf(i), line(2000), "t");
+  EXPECT_EQ(blind.stats().count, 5);
 }
 
 TEST(WavCacheTest, ThrottlesIndexWritesAndClears) {

@@ -172,13 +172,19 @@ TEST_F(ClonePackTest, RefusesWholePacksBeforeTouchingAnything) {
       {pack(R"({"format":"kelvo-clone-pack","voices":{"display":"A"}})"), corrupt},
       {pack(R"({"format":"kelvo-clone-pack",)" + voice + R"(,"airlines":["UAL"]})"), corrupt},
   };
+  // Each refused alike from memory and from a file, which is read piece by piece.
+  const std::string file = a.dir.path() + "refused.cln";
   for (const auto& [bytes, message] : cases) {
-    try {
-      importPack(bytes, b.library, b.config);
-      ADD_FAILURE() << "accepted: " << message;
-    } catch (const TtsError& e) {
-      EXPECT_EQ(e.code, TtsErrorCode::badAudio);
-      EXPECT_EQ(e.message, message);
+    ASSERT_FALSE(writeFileAtomic(file, bytes));
+    for (const auto& import : {std::function([&] { importPack(bytes, b.library, b.config); }),
+                               std::function([&] { importPack(file, b.library, b.config); })}) {
+      try {
+        import();
+        ADD_FAILURE() << "accepted: " << message;
+      } catch (const TtsError& e) {
+        EXPECT_EQ(e.code, TtsErrorCode::badPack);
+        EXPECT_EQ(e.message, message);
+      }
     }
   }
   EXPECT_EQ(b.library.count(), 0);
@@ -212,8 +218,8 @@ TEST_F(ClonePackTest, SkipsBadItemsWithNotesAndWritesOnlyInsideTheDataRoot) {
                           "failed to import \"Half\": this audio is not WAV, MP3 or Ogg",
                           "audio/bad.wav inside the pack is corrupt and cannot be read.",
                           "\"Broken\" has no audio at all and cannot be imported",
-                          "failed to import \"Quiet\": a reference clip needs its transcript (the vendor contract "
-                          "makes reference_text mandatory)",
+                          "failed to import \"Quiet\": a reference clip needs its transcript (the engine requires "
+                          "reference_text)",
                           "\"\" has no audio at all and cannot be imported",
                           "binding DAL:en:default points at a voice that was not imported; it was dropped",
                           "binding UAL:en:male points at a voice that was not imported; it was dropped",

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <thread>
+#include <tuple>
 
 #include "KELVOCore/Log.h"
 #include "tests/TestSupport.h"
@@ -90,11 +91,16 @@ TEST_F(ConfigFile, NumbersAreClampedAndEnumsFallBack) {
   loadJson(config, R"({"server":5,"cache":[1],"synthesis":"x"})");  // sections of the wrong type are empty
   EXPECT_EQ(config.cacheBudgetMB(), 5);
 
+  // The interface language is the process's from load on; without one, the environment's.
+  test::ScopedUiLang restored(UiLang::zh);
+  test::ScopedEnv environment("LANGUAGE", "ja");
   loadJson(config, R"({"server":{"uiLanguage":" EN ","bind":"10.0.0.2"},"synthesis":{"speedMode":"turbo"}})");
-  EXPECT_EQ(config.uiLanguage(), UiLang::en);
+  EXPECT_EQ(std::pair(config.uiLanguage(), uiLang()), std::pair(UiLang::en, UiLang::en));
   EXPECT_EQ(config.speedMode(), TtsSpeedMode::engine);  // not the default localStretch
   loadJson(config, R"({"server":{"uiLanguage":"klingon"}})");
-  EXPECT_EQ(config.uiLanguage(), UiLang::automatic);
+  EXPECT_EQ(std::pair(config.uiLanguage(), uiLang()), std::pair(UiLang::automatic, UiLang::ja));
+  config.setUiLanguage(UiLang::zh);
+  EXPECT_EQ(T("女声"), "女声");
   EXPECT_EQ(config.bindAddress(), "10.0.0.2");  // missing keys keep their value
 }
 
@@ -108,6 +114,21 @@ TEST_F(ConfigFile, OldTimeoutsAreMigratedAndTheFileRewritten) {
   ASSERT_TRUE(rewritten);
   EXPECT_EQ((*rewritten)["synthesis"]["timeoutMs"], 600000);
   EXPECT_EQ((*rewritten)["engine"]["timeoutMs"], 900000);
+
+  // Only the pair of old defaults is migrated: one of them at 180 s alone is a
+  // choice the operator made, and only the margin rule may touch it.
+  const std::tuple<std::string, std::int64_t, std::int64_t> chosen[] = {
+      {R"({"synthesis":{"timeoutMs":180000},"engine":{"timeoutMs":900000}})", 180000, 900000},
+      {R"({"synthesis":{"timeoutMs":600000},"engine":{"timeoutMs":180000}})", 600000, 660000},
+  };
+  for (const auto& [json, request, engine] : chosen) {
+    AppLog::clear();
+    AppConfig kept(path);
+    loadJson(kept, json);
+    EXPECT_EQ(std::make_pair(kept.requestTimeoutMs(), kept.engine().timeoutMs), std::make_pair(request, engine))
+        << json;
+    EXPECT_FALSE(logged(LogLevel::info, "raised the old")) << json;
+  }
 
   AppLog::clear();
   AppConfig capped(path);
@@ -182,16 +203,15 @@ TEST_F(ConfigFile, BindingsAndSharesLoadLeniently) {
   loadJson(config, R"({
     "airlineVoices": {"ual:EN:Female": " v-1 ", "UAL:en:F": "v-2", "dal:en:male": 7, "aal:en:male": "  ",
                       "ual": "v-bare", "x:y:z": {"deep": [1, {"a": null}]}},
-    "defaultVoices": {"ZH-cn:M": "v-zh", "ja": "v-ja", "en:female": null},
+    "defaultVoices": {"zh-CN:m": "v-zh-first", "ZH-cn:M": "v-zh", "ja": "v-ja", "en:female": null},
     "hub": {"userId": "captain", "shares": [
       {"id": "a", "title": "one", "deleteKey": ""},
       {"id": 12, "title": true, "deleteKey": "k12"},
       {"id": "b", "title": "two", "deleteKey": "kb"},
       {"id": "B", "title": "dup", "deleteKey": "kB"},
       "not an object", null, {"id": null, "deleteKey": "k"}]}})");
-  // "UAL:en:F" normalises onto the same key; members are visited in sorted key
-  // order, so "ual:EN:Female" comes later and wins.
-  EXPECT_EQ(config.airlinesSnapshot(), (KeyValueList{{"UAL:en:female", "v-1"}, {"ual", "v-bare"}}));
+  // Keys that normalise onto one binding: the later in the file wins, whichever sorts first.
+  EXPECT_EQ(config.airlinesSnapshot(), (KeyValueList{{"UAL:en:female", "v-2"}, {"ual", "v-bare"}}));
   EXPECT_EQ(config.defaultsSnapshot(), (KeyValueList{{"ja", "v-ja"}, {"zh:male", "v-zh"}}));
   EXPECT_EQ(config.hubUserId(), "captain");
   const auto shares = config.hubSharesSnapshot();

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "KELVOCore/EnginePlaceholder.h"
+#include "KELVOCore/Paths.h"
 #include "tests/TestSupport.h"
 
 namespace kelvo {
@@ -164,7 +165,8 @@ TEST(EnginePlaceholder, InterfaceAndHealth) {
   const EngineHealth en = engine.checkHealth();
   EXPECT_TRUE(en.ready);
   EXPECT_EQ(en.backend, "placeholder waveform");
-  EXPECT_EQ(en.detail, "no model under bin yet; this is audible fake audio, only to prove the pipeline works");
+  EXPECT_EQ(en.detail, "no model in " + KELVOPaths::modelsDir() +
+                           " yet; this is audible fake audio, only to prove the pipeline works");
   EXPECT_TRUE(en.exePath.empty());
   EXPECT_GE(en.probedAt, before);
 }

@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "KELVOCore/Base64.h"
 #include "KELVOCore/EnginePlaceholder.h"
+#include "KELVOCore/Files.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Version.h"
 #include "KELVOCore/Wav.h"
@@ -163,29 +165,48 @@ TEST_F(HttpRoutesTest, SynthesisHitsAndNotModified) {
   EXPECT_EQ(first.headers.at("X-KELVO-Engine"), "placeholder");
   EXPECT_EQ(std::to_string(wavDurationMs(first.body)), first.headers.at("X-KELVO-Duration-Ms"));
 
-  // The same line by GET with an upper-case path is the same cache entry.
-  const HttpResponse again = call("GET", "/V1/TTS?text=Flight+12+is+boarding&language=en&gender=female");
-  EXPECT_EQ(again.headers.at("X-KELVO-Cache"), "hit");
-  EXPECT_EQ(again.body, first.body);
+  // The same line by GET with an upper-case path is the same cache entry,
+  // handed out as the open clip (sent with sendfile), on the quick path too.
+  service->cache().flush();
+  for (const bool quick : {false, true}) {
+    HttpRequest get;
+    get.method = "GET";
+    get.path = "/V1/TTS";
+    get.query = "text=Flight+12+is+boarding&language=en&gender=female";
+    const HttpResponse again = quick ? api->quickDispatch(get).value_or(HttpResponse{}) : api->dispatch(get);
+    EXPECT_EQ(again.headers.at("X-KELVO-Cache"), "hit");
+    ASSERT_TRUE(again.bodyFile && again.body.empty());
+    EXPECT_EQ(again.bodyFile->readAll(), first.body);
+  }
+  // A 304 comes from the index alone: the clip is not even opened.
+  const std::string clip = dir.path() + "temp/" + first.headers.at("ETag") + ".wav";
+  const Bytes wav = readFile(clip).value_or(Bytes{});
+  std::filesystem::remove(clip);
   const std::string etag = first.headers.at("ETag");
-  for (const std::string& tag : {etag, "\"" + etag + "\""}) {
+  // Bare, quoted, and weak as browsers send it back (with stray blanks).
+  for (const std::string& tag : {etag, "\"" + etag + "\"", " W/\"" + etag + "\""}) {
     const HttpResponse cached = call("POST", "/v1/tts", line, {{"If-None-Match", tag}});
     EXPECT_EQ(cached.status, 304);
-    EXPECT_TRUE(cached.body.empty());
+    EXPECT_TRUE(cached.body.empty() && !cached.bodyFile);
     EXPECT_EQ(cached.headers.at("X-KELVO-Result"), "ok");
   }
+  // Without the tag the missing clip is found out and the line made again, whole.
+  const HttpResponse remade = call("POST", "/v1/tts", line);
+  EXPECT_EQ(remade.headers.at("X-KELVO-Cache"), "miss");
+  EXPECT_EQ(remade.body, wav);
 
   const Json stats = body(call("GET", "/v1/stats"));
-  EXPECT_EQ(jInt(stats, "total", -1), 4);
-  EXPECT_EQ(jInt(stats, "cache_hits", -1), 3);
+  EXPECT_EQ(jInt(stats, "total", -1), 7);
+  EXPECT_EQ(jInt(stats, "cache_hits", -1), 5);
   EXPECT_TRUE(jBool(stats, "placeholder", false));
 
   // Each outcome left one request record.
   const std::vector<RequestLog> requests = AppLog::requestSnapshot();
-  ASSERT_GE(requests.size(), 4u);
-  EXPECT_EQ(requests.back().status, 304);
-  EXPECT_TRUE(requests.back().cacheHit);
-  EXPECT_EQ(requests.back().voice, id);
+  ASSERT_GE(requests.size(), 5u);
+  const RequestLog& notModified = requests[requests.size() - 2];
+  EXPECT_EQ(notModified.status, 304);
+  EXPECT_TRUE(notModified.cacheHit);
+  EXPECT_EQ(notModified.voice, id);
 
   // Removing the voice drops its binding too.
   EXPECT_EQ(call("DELETE", "/v1/voices/" + id).status, 200);

@@ -40,6 +40,26 @@ TEST(I18n, TablesKeepPlaceholdersAndTranslateEverything) {
     EXPECT_EQ(placeholders(key), placeholders(value.en)) << key;
     EXPECT_EQ(placeholders(key), placeholders(value.ja)) << key;
   }
+  // An override rewords a text the code already looks up, in all three languages.
+  for (const auto& [key, value] : macOverrides()) {
+    EXPECT_TRUE(i18nTable().contains(key)) << key;
+    for (const std::string* text : {&value.zh, &value.ja, &value.en}) EXPECT_EQ(placeholders(key), placeholders(*text)) << key;
+  }
+}
+
+TEST(I18n, NoTextPointsAtADesktopApp) {
+  // A service run from a terminal or systemd has no tray, no settings pages,
+  // no vendor to defer to: whatever the language, no message may point there.
+  const char* desktopWords[] = {"tray",   "Settings", "vendor",     "official", "the app",  "Service page",
+                                "Broadcast page", "托盘", "设置里", "厂商",     "官方",     "「模型」页",
+                                "「播报」页",     "トレイ", "ベンダー", "設定で", "ページで"};
+  for (const UiLang lang : {UiLang::zh, UiLang::ja, UiLang::en}) {
+    test::ScopedUiLang ui(lang);
+    for (const auto& entry : i18nTable()) {
+      const std::string text = T(entry.first);
+      for (const char* word : desktopWords) EXPECT_EQ(text.find(word), std::string::npos) << text;
+    }
+  }
 }
 
 TEST(I18n, LanguageComesFromTheEnvironment) {

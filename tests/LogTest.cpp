@@ -50,7 +50,11 @@ TEST_F(LogTest, RingsKeepTheNewestLinesUpToTheBound) {
   const auto requests = AppLog::requestSnapshot();
   ASSERT_EQ(requests.size(), 10u);
   EXPECT_EQ(requests.front().status, 202);
-  EXPECT_FALSE(requests.front().id.empty());
+  // A version-4 UUID in upper case.
+  EXPECT_TRUE(std::regex_match(requests.front().id,
+                               std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}")))
+      << requests.front().id;
+  EXPECT_NE(requests.front().id, requests.back().id);
 
   AppLog::clear();
   EXPECT_TRUE(AppLog::snapshot().empty());

@@ -134,6 +134,7 @@ TEST_F(ServiceTest, LocalSpeedsShareOneEntryWithTheirOwnTags) {
     EXPECT_EQ(normal.etag, service->cacheKeys(req(text), voice, *engine, 0, false).first);
     EXPECT_EQ(service->synthesize(req(text, 1.5f)).etag, fast.etag);  // a retimed hit carries the speed's tag
   }
+  cache->flush();  // fresh lines reach the disk after their answer
   EXPECT_EQ(std::tuple(engine->texts().size(), cache->stats().count), std::tuple(2u, 2));
 
   config->setSpeedMode(TtsSpeedMode::engine);  // the engine speaks the speed itself: one entry per speed
@@ -184,19 +185,19 @@ TEST_F(ServiceTest, NoVoiceMessagesAndAirlinesNeverBootstrap) {
   ual.airline = "ual";
   EXPECT_EQ(failure(ual).message,
             "no voice available: nothing is bound for airline UAL · Français · Female; UAL has no language=Auto "
-            "fallback either. Bind one on the Broadcast page - to let this airline speak in any language, set its "
-            "language to Auto.");
+            "fallback either. Bind one with `kelvo bind` - to let this airline speak in any language, bind it with the "
+            "language auto.");
   EXPECT_TRUE(engine->texts().empty() && voices->count() == 1);
 
   config->setAirlineVoice("UAL", "", TtsGender::automatic, "v-gone");
   setUiLang(UiLang::zh);
   EXPECT_EQ(service->noVoiceMessage(ual),
-            "没有可用的声音:航空公司 UAL · Français · 女声 没有绑定任何声音。请在「播报」页绑定一个 - "
-            "想让这家航空公司用任何语言播报,就把它的语言设为「自动」。");
+            "没有可用的声音:航空公司 UAL · Français · 女声 没有绑定任何声音。用 `kelvo bind` 绑定一个 - "
+            "想让这家航空公司用任何语言播报,就用语言 auto 绑定。");
   setUiLang(UiLang::ja);
   EXPECT_EQ(service->noVoiceMessage(req("x", 1.0f, "de", TtsGender::male)),
-            "使える音声がありません: Deutsch · 男性の声 に音声が割り当てられていません。「放送」ページで割り当ててください - "
-            "この航空会社をどの言語でも放送させるには、言語を「自動」にしてください。");
+            "使える音声がありません: Deutsch · 男性の声 に音声が割り当てられていません。`kelvo bind` で割り当ててください - "
+            "この航空会社をどの言語でも放送させるには、言語 auto で割り当ててください。");
 }
 
 TEST_F(ServiceTest, DefaultVoiceIsGeneratedBoundAndSaved) {
@@ -264,6 +265,7 @@ TEST_F(ServiceTest, StatsAfterAKnownSequence) {
   EXPECT_EQ(failure(req("C")).message, "boom");
   engine->output = TestEngine::Output::empty;
   EXPECT_EQ(failure(req("C")).message, "the engine returned empty audio");
+  cache->flush();
   const ServiceStats s = service->stats();
   EXPECT_EQ(std::tuple(s.total, s.failed, s.cacheHits, s.cacheCount, s.queueDepth, s.busy, s.placeholder),
             std::tuple(3, 1, 1, 1, 0, false, true));

@@ -80,7 +80,8 @@ TEST(Types, ErrorNamesAndStatuses) {
       {TtsErrorCode::textTooLong, "text_too_long", 413},
       {TtsErrorCode::badVoice, "bad_voice", 404},
       {TtsErrorCode::timeout, "timeout", 504},
-      {TtsErrorCode::notFound, "not_found", 404}};
+      {TtsErrorCode::notFound, "not_found", 404},
+      {TtsErrorCode::badPack, "bad_pack", 400}};
   for (const auto& [c, name, status] : rows) {
     EXPECT_EQ(errorName(c), name);
     EXPECT_EQ(httpStatus(c), status) << name;

@@ -31,6 +31,13 @@ Bytes clip(std::int64_t ms, float level = 0.25f, std::int64_t rate = kRate) {
   return buildWav(pcm, 1);
 }
 
+// MP3 by its ID3 tag, with nothing a decoder can use after it.
+Bytes brokenMp3() {
+  Bytes b(400, 0x11);
+  std::copy_n("ID3", 3, b.begin());
+  return b;
+}
+
 VoiceCloneSpec spec(std::vector<VoiceClipInput> clips, std::string display = "Anna") {
   VoiceCloneSpec s;
   s.display = std::move(display);
@@ -109,24 +116,36 @@ TEST_F(VoiceLibraryTest, IdsComeFromContentAndRepeatsGetSuffixes) {
 TEST_F(VoiceLibraryTest, ClipDurationBoundaries) {
   const TtsError tooShort = thrown([&] { library.addClone(spec({{clip(999), "short"}})); });
   EXPECT_EQ(tooShort.code, TtsErrorCode::badAudio);
-  EXPECT_EQ(tooShort.message, "the reference clip is only 999 ms, too short (the vendor recommends 5-30 s)");
+  EXPECT_EQ(tooShort.message, "the reference clip is only 999 ms, too short (5-30 s is recommended)");
   EXPECT_EQ(library.count(), 0);
   EXPECT_TRUE(filesIn(clipDir).empty());
 
-  const VoiceInfo oneSecond = library.addClone(spec({{clip(1000), "one second"}}));
+  // Each doubt is logged and handed back to the caller, localised.
+  std::vector<std::string> warnings;
+  const VoiceInfo oneSecond = library.addClone(spec({{clip(1000), "one second"}}), &warnings);
   EXPECT_EQ(oneSecond.clips[0].durationMs, 1000);
   EXPECT_EQ(loggedLine("voices", LogLevel::warn, "reference audio is only"),
-            "reference audio is only 1.0 s; the official guidance is 5-30 s, cloning may be unstable");
+            "reference audio is only 1.0 s; 5-30 s is recommended, cloning may be unstable");
+  EXPECT_EQ(warnings, std::vector<std::string>{
+                          "the reference clip is only 1.0 s; 5-30 s is recommended, the cloned voice may be unstable"});
 
   AppLog::clear();
-  const VoiceInfo exact = library.addClone(spec({{clip(30000), "thirty seconds"}}));
+  warnings.clear();
+  const VoiceInfo exact =
+      library.addClone(spec({{clip(30000), "thirty seconds of words, read slowly and clearly"}}), &warnings);
   EXPECT_FALSE(loggedLine("voices", LogLevel::warn, ""));
+  EXPECT_TRUE(warnings.empty());
   EXPECT_EQ(library.referenceAudio(exact), readFile(clipDir + exact.clips[0].fileName));  // passed on unchanged
 
-  const VoiceInfo over = library.addClone(spec({{clip(30001), "a bit too long"}}));
+  // Over 30 s, and with 14 characters for 30 s of audio the transcript cannot be what the clip says.
+  const VoiceInfo over = library.addClone(spec({{clip(30001), "a bit too long"}}), &warnings);
   EXPECT_EQ(over.clips[0].durationMs, 30001);
   EXPECT_EQ(loggedLine("voices", LogLevel::warn, "reference audio is 30 s"),
-            "reference audio is 30 s, over the 30 s the vendor recommends; it will be trimmed");
+            "reference audio is 30 s, over the 30 s the engine takes; it will be trimmed");
+  EXPECT_EQ(warnings, (std::vector<std::string>{
+                          "the reference clip is 30 s, over the 30 s the engine takes; the rest will be cut off",
+                          "30.0 s of audio has a transcript of only 14 characters; it should be exactly what the clip "
+                          "says, or the cloned voice will mumble or skip words"}));
   const auto pcm = parseWav(library.referenceAudio(over).value_or(Bytes{}));
   ASSERT_TRUE(pcm);
   EXPECT_EQ(std::make_tuple(pcm->sampleRate, pcm->data.size()), std::make_tuple(kRate, std::size_t(30 * kRate)));
@@ -139,11 +158,17 @@ TEST_F(VoiceLibraryTest, BadClipsAddNothingAndLeaveNoFiles) {
       {spec({}), "cloning needs at least one reference clip"},
       {spec({{Bytes{}, "text"}}), "this clip has no audio data"},
       {spec({{clip(6000), " \n\t\u3000 "}}),
-       "a reference clip needs its transcript (the vendor contract makes reference_text mandatory)"},
+       "a reference clip needs its transcript (the engine requires reference_text)"},
       {spec({{bytesOf("plain text, not audio"), "text"}}), "this audio is not WAV, MP3 or Ogg"},
       // The good first clip is checked, the bad second one fails the whole clone.
       {spec({{clip(6000), "good"}, {clip(500), "bad"}}),
-       "the reference clip is only 500 ms, too short (the vendor recommends 5-30 s)"},
+       "the reference clip is only 500 ms, too short (5-30 s is recommended)"},
+      // Undecodable: an Ogg the engine would not take, and an MP3 no merge could use.
+      {spec({{bytesOf("OggS this stream is cut off right after its capture pattern"), "broken ogg"}}),
+       "cannot decode this ogg reference clip, so the voice could not speak. cannot decode the ogg (the file may be "
+       "truncated or corrupt)."},
+      {spec({{clip(6000), "good"}, {brokenMp3(), "broken mp3"}}),
+       "cannot decode this mp3 reference clip, so the voice could not speak. "},
   };
   for (const auto& [s, message] : cases) {
     const TtsError e = thrown([&] { library.addClone(s); });
@@ -166,23 +191,15 @@ TEST_F(VoiceLibraryTest, BadClipsAddNothingAndLeaveNoFiles) {
 }
 
 TEST_F(VoiceLibraryTest, CompressedAndUndecodableClips) {
-  // Bytes that only look like Ogg or MP3 are kept, with no known duration.
-  const Bytes brokenOgg = bytesOf("OggS this stream is cut off right after its capture pattern");
-  const VoiceInfo ogg = library.addClone(spec({{brokenOgg, "broken ogg"}}));
-  EXPECT_EQ(ogg.clips[0].fileName, ogg.id + "-0.ogg");
-  EXPECT_EQ(ogg.clips[0].durationMs, 0);
-  EXPECT_TRUE(loggedLine("voices", LogLevel::warn,
-                         "cannot decode this ogg clip; duration unknown and it cannot join a multi-clip merge "));
-  EXPECT_FALSE(library.referenceAudio(ogg));
-  EXPECT_TRUE(loggedLine("voices", LogLevel::error,
-                         "reference audio for Anna is ogg but cannot be decoded; the engine does not accept ogg, so "
-                         "this voice is unusable. "));
-
-  Bytes brokenMp3(400, 0x11);
-  std::copy_n("ID3", 3, brokenMp3.begin());
-  const VoiceInfo mp3 = library.addClone(spec({{brokenMp3, "broken mp3"}}));
+  // MP3 bytes that do not decode may still mean something to the engine when
+  // they are the voice's only clip: kept, with no known duration and a warning.
+  std::vector<std::string> warnings;
+  const VoiceInfo mp3 = library.addClone(spec({{brokenMp3(), "broken mp3"}}), &warnings);
   EXPECT_EQ(mp3.clips[0].fileName, mp3.id + "-0.mp3");
-  EXPECT_EQ(library.referenceAudio(mp3), brokenMp3);  // the engine gets to try
+  EXPECT_EQ(mp3.clips[0].durationMs, 0);
+  EXPECT_EQ(library.referenceAudio(mp3), brokenMp3());  // the engine gets to try
+  EXPECT_EQ(warnings, std::vector<std::string>{"cannot decode this mp3 clip; its length is unknown, the engine gets "
+                                               "it as it is, and it cannot be merged with other clips"});
 
   // A decodable Ogg is re-encoded as WAV; MP3 goes to the engine unchanged.
   const VoiceInfo vorbis = library.addClone(spec({{fixture("speech.ogg"), "speech"}}));
@@ -194,6 +211,13 @@ TEST_F(VoiceLibraryTest, CompressedAndUndecodableClips) {
   const VoiceInfo realMp3 = library.addClone(spec({{mp3Bytes, "speech"}}));
   EXPECT_GT(realMp3.clips[0].durationMs, 0);
   EXPECT_EQ(library.referenceAudio(realMp3), mp3Bytes);
+
+  // An Ogg clip damaged after it was stored leaves a voice the engine cannot take.
+  ASSERT_FALSE(writeFileAtomic(clipDir + vorbis.clips[0].fileName, bytesOf("OggS cut off")));
+  EXPECT_FALSE(library.referenceAudio(vorbis));
+  EXPECT_TRUE(loggedLine("voices", LogLevel::error,
+                         "reference audio for Anna is ogg but cannot be decoded; the engine does not accept ogg, so "
+                         "this voice is unusable. "));
 }
 
 TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
@@ -212,14 +236,15 @@ TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
   EXPECT_EQ(loggedLine("voices", LogLevel::info, "merged the"),
             "merged the Anna reference clips into one - 3 clip(s), 30.0 s");
 
-  // A clip at another rate is resampled to the first one's; an unreadable clip
-  // is skipped; once 30 s are reached the rest is not even read.
+  // A clip at another rate is resampled to the first one's; a clip damaged
+  // after it was stored is skipped; once 30 s are reached the rest is not even read.
   AppLog::clear();
   const VoiceInfo mixed = library.addClone(spec({{clip(2000, 0.25f), "a"},
                                                  {clip(1000, 0.5f, 8000), "b"},
-                                                 {bytesOf("OggS broken"), "c"},
+                                                 {clip(1000, 0.9f), "c"},
                                                  {clip(30000, 0.1f), "d"},
                                                  {clip(5000, 0.2f), "e"}}));
+  ASSERT_FALSE(writeFileAtomic(clipDir + mixed.clips[2].fileName, bytesOf("OggS broken")));
   const auto mixedPcm = parseWav(library.referenceAudio(mixed).value_or(Bytes{}));
   ASSERT_TRUE(mixedPcm);
   EXPECT_EQ(std::make_tuple(mixedPcm->sampleRate, mixedPcm->data.size()),
@@ -227,11 +252,19 @@ TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
   EXPECT_NEAR(mixedPcm->data[static_cast<std::size_t>(2.3 * kRate) + 10], 0.5f, 1e-3);
   EXPECT_NEAR(mixedPcm->data[static_cast<std::size_t>(3.6 * kRate) + 10], 0.1f, 1e-3);
   EXPECT_EQ(loggedLine("voices", LogLevel::warn, "cannot decode this clip"),
-            "cannot decode this clip, skipping it in the merge: " + mixed.id + "-2.ogg");
+            "cannot decode this clip, skipping it in the merge: " + mixed.id + "-2.wav");
   EXPECT_EQ(loggedLine("voices", LogLevel::info, "merged reference audio"),
-            "merged reference audio already reached 30.0 s (the vendor caps it at 30 s); skipping the rest");
+            "merged reference audio already reached 30.0 s (the engine takes at most 30 s); skipping the rest");
   EXPECT_EQ(loggedLine("voices", LogLevel::info, "merged the"),
             "merged the Anna reference clips into one - 3 clip(s), 30.0 s");
+
+  // Clips that stop just short of 30 s leave no room for the pause before the
+  // next one: the pause is cut too, and the merge still ends at 30 s exactly.
+  const VoiceInfo brim = library.addClone(
+      spec({{clip(14800, 0.25f), "one"}, {clip(14800, 0.5f), "two"}, {clip(5000, 0.75f), "three"}}));
+  const auto brimPcm = parseWav(library.referenceAudio(brim).value_or(Bytes{}));
+  ASSERT_TRUE(brimPcm);
+  EXPECT_EQ(brimPcm->data.size(), static_cast<std::size_t>(30 * kRate));  // 14.8 + 0.3 + 14.8 + 0.1 of pause
 
   VoiceInfo none;
   EXPECT_FALSE(library.referenceAudio(none));

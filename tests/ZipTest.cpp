@@ -17,6 +17,7 @@ namespace {
 using test::bytesOf;
 using test::centralRecord;
 using test::endRecord;
+using test::get32;
 using test::put16;
 using test::put32;
 using test::zipOf;
@@ -186,6 +187,31 @@ TEST(Zip, RefusesDamagedArchivesWithTheirReason) {
     ZipReader r = opened(ZipReader::open(zip));
     EXPECT_EQ(readText(r, name), "error: " + error);
   }
+
+  // Nine central records "0".."8" point at one stored 63 MiB entry and each
+  // declares a single byte, so the archive opens; the running total of what
+  // was handed out must still stop the ninth read short of 512 MiB.
+  Bytes shared = zipOf({{"0", noise(63 << 20, 5)}});
+  const std::size_t directory = get32(shared, endRecord(shared) + 16);
+  const Bytes record(shared.begin() + static_cast<std::ptrdiff_t>(directory),
+                     shared.begin() + static_cast<std::ptrdiff_t>(endRecord(shared)));
+  Bytes tail(shared.begin() + static_cast<std::ptrdiff_t>(endRecord(shared)), shared.end());
+  shared.resize(directory);
+  for (char name = '0'; name <= '8'; ++name) {
+    Bytes copy = record;
+    copy[46] = static_cast<std::uint8_t>(name);
+    put32(copy, 24, 1);
+    shared.insert(shared.end(), copy.begin(), copy.end());
+  }
+  put16(tail, 8, 9);
+  put16(tail, 10, 9);
+  put32(tail, 12, static_cast<std::uint32_t>(9 * record.size()));
+  shared.insert(shared.end(), tail.begin(), tail.end());
+  ZipReader sharing = opened(ZipReader::open(std::move(shared)));
+  for (const char* name : {"0", "1", "2", "3", "4", "5", "6", "7"}) {
+    EXPECT_EQ(readText(sharing, name).size(), std::size_t{63} << 20) << name;
+  }
+  EXPECT_EQ(readText(sharing, "8"), "error: archive expands past 512 MiB");
 }
 
 TEST(Zip, ToleratesCommentsAndNeverMisreadsATruncatedArchive) {

@@ -1,16 +1,30 @@
 #!/usr/bin/env python3
-"""Protocol double of the s2 inference server, for tests.
+"""Double of the s2 inference server, for tests.
 
 Install it as <data root>/engine/s2 (executable, so its process runs as
-"python3 <root>/engine/s2 ..."). It takes the engine's command line, listens
-on 127.0.0.1:--port and answers POST /generate with a 16-bit mono 44.1 kHz
-WAV of 100 ms per character of the text; 503 while another synthesis runs;
-400 for a form it cannot read.
+"python3 <root>/engine/s2 ..."). By default it behaves as the real server does:
+  - it loads (S2_DOUBLE_LOAD_MS) before it listens, on 127.0.0.1:--port;
+    flags it does not know are ignored;
+  - POST /generate answers 200 audio/wav holding mono 32-bit IEEE float samples
+    (format 3) at 44.1 kHz, 100 ms per character of the text; the samples
+    differ on every call (the real sampler is seeded randomly, "seed" and
+    "repetition_penalty" are ignored);
+  - the reference part's file name is ignored: its bytes are sniffed as WAV,
+    then MP3; anything else is dropped with a log line and synthesis goes on
+    without a reference; a reference with an empty transcript gets 400
+    text/plain;
+  - a missing text gets 400 with a JSON {"error": ...}; while another
+    synthesis runs, 503 text/plain "Server busy processing another synthesis
+    request."; a failed synthesis 500 text/plain "Synthesis failed.";
+  - connections are kept alive, and one idle for 5 s is dropped.
 
-It checks what it receives: the argument order, the multipart layout, the
+It also checks what it receives: the argument order, the multipart layout, the
 part order and headers and the "params" keys. Every mistake is printed to
 standard output as "protocol mistake: ..." and named in the response header
-X-S2-Double-Mistakes; correct traffic never carries that header.
+X-S2-Double-Mistakes; correct traffic never carries that header. Each answer
+is logged as "generate: <n> bytes, request <k> on this connection", and its
+header X-S2-Double-Reference says what the reference was taken as (wav, mp3,
+dropped, none).
 
 Faults, chosen by environment variables (the engine passes its environment on):
   S2_DOUBLE_LOAD_MS=N          wait N ms before listening
@@ -22,15 +36,20 @@ Faults, chosen by environment variables (the engine passes its environment on):
   S2_DOUBLE_DIE_BY=exit:N|signal:N   how it dies (default exit:1)
   S2_DOUBLE_SYNTH_MS=N         each synthesis takes N ms
   S2_DOUBLE_REPLY=wav|notwav|error500|busy
-                               200 WAV (default); 200 with a text body; 500 with
-                               a text; 503 to everything
+                               200 WAV (default); 200 with a text body; 500
+                               "Synthesis failed."; 503 to everything
+  S2_DOUBLE_DROP_REUSED=1      close a connection, unanswered, when a second
+                               request arrives on it (an idle drop that races
+                               the client's next request)
   S2_DOUBLE_IGNORE_SIGTERM=1   survive SIGTERM (only SIGKILL ends it)
 """
 
 import array
 import http.server
 import json
+import math
 import os
+import random
 import re
 import resource
 import signal
@@ -41,6 +60,9 @@ import time
 MISTAKES_HEADER = "X-S2-Double-Mistakes"
 RATE = 44100
 MS_PER_CHAR = 100
+IDLE_DROP_S = 5
+BUSY_TEXT = b"Server busy processing another synthesis request."
+FAILED_TEXT = b"Synthesis failed."
 BOUNDARY_RE = re.compile(r"multipart/form-data; boundary=(----KELVO[0-9A-F]{32})")
 PARAM_KEYS = {"max_new_tokens": int, "temperature": float, "top_p": float, "top_k": int,
               "repetition_penalty": float}
@@ -156,14 +178,21 @@ def parse_form(content_type, body):
     return parts, mistakes
 
 
+class Refusal(Exception):
+    """A request the real server refuses: status, content type, body."""
+
+    def __init__(self, status, content_type, body):
+        super().__init__(body)
+        self.status, self.content_type, self.body = status, content_type, body
+
+
 def check_form(parts, mistakes):
+    """The text to speak and what the reference was taken as; raises Refusal."""
     names = [p[0] for p in parts]
     if names not in (["text", "params"], ["text", "params", "reference", "reference_text"],
                      ["text", "params", "voice"]):
         mistake(mistakes, "part order %r" % names)
     fields = {p[0]: p for p in parts}
-    if "text" not in fields or not fields["text"][2].strip():
-        raise ValueError("no text")
     try:
         params = json.loads(fields.get("params", (None, None, b""))[2])
     except ValueError:
@@ -180,27 +209,45 @@ def check_form(parts, mistakes):
     unknown = set(params) - set(PARAM_KEYS) - {"seed"}
     if unknown:
         mistake(mistakes, "unknown params %r" % sorted(unknown))
+    if "text" not in fields or not fields["text"][2].strip():
+        raise Refusal(400, "application/json", json.dumps({"error": "missing 'text' field"}).encode())
+    reference = "none"
     if "reference" in fields:
         _, filename, audio = fields["reference"]
-        if audio.startswith(b"RIFF") and filename != "reference.wav":
-            mistake(mistakes, "WAV reference named %r" % filename)
-        if audio.startswith(b"ID3") and filename != "reference.mp3":
-            mistake(mistakes, "MP3 reference named %r" % filename)
-        if filename not in ("reference.wav", "reference.mp3"):
-            mistake(mistakes, "reference file name %r" % filename)
-    return fields["text"][2].decode("utf-8")
+        # The server itself never looks at the name; KELVO's naming is checked all the same.
+        sniffed = sniff(audio)
+        if filename != {"wav": "reference.wav", "mp3": "reference.mp3"}.get(sniffed, "reference.wav"):
+            mistake(mistakes, "%s reference named %r" % (sniffed, filename))
+        if not fields.get("reference_text", (None, None, b""))[2].strip():
+            raise Refusal(400, "text/plain", b"reference_text is required with a reference")
+        if sniffed == "other":
+            print("reference: %d bytes are neither WAV nor MP3; ignored" % len(audio), flush=True)
+            reference = "dropped"
+        else:
+            reference = sniffed
+    return fields["text"][2].decode("utf-8"), reference
+
+
+def sniff(audio):
+    if audio[:4] == b"RIFF" and audio[8:12] == b"WAVE":
+        return "wav"
+    if audio[:3] == b"ID3" or (len(audio) > 1 and audio[0] == 0xFF and audio[1] & 0xE0 == 0xE0):
+        return "mp3"
+    return "other"
 
 
 def wav_for(text):
+    """Mono 32-bit float WAV; tone level and phase differ on every call."""
     frames = RATE * MS_PER_CHAR * len(text) // 1000
-    period = array.array("h", [0, 3000, 5000, 3000, 0, -3000, -5000, -3000] * 25)
+    level, phase = random.uniform(0.2, 0.5), random.uniform(0, 2 * math.pi)
+    period = array.array("f", (level * math.sin(phase + 2 * math.pi * k / 200) for k in range(200)))
     samples = (period * (frames // len(period) + 1))[:frames]
     if sys.byteorder != "little":
         samples.byteswap()
     data = samples.tobytes()
     header = b"RIFF" + (36 + len(data)).to_bytes(4, "little") + b"WAVEfmt " + (16).to_bytes(4, "little")
-    header += (1).to_bytes(2, "little") + (1).to_bytes(2, "little") + RATE.to_bytes(4, "little")
-    header += (RATE * 2).to_bytes(4, "little") + (2).to_bytes(2, "little") + (16).to_bytes(2, "little")
+    header += (3).to_bytes(2, "little") + (1).to_bytes(2, "little") + RATE.to_bytes(4, "little")
+    header += (RATE * 4).to_bytes(4, "little") + (4).to_bytes(2, "little") + (32).to_bytes(2, "little")
     return header + b"data" + len(data).to_bytes(4, "little") + data
 
 
@@ -214,13 +261,22 @@ class Double:
 
 def make_handler(double):
     class Handler(http.server.BaseHTTPRequestHandler):
+        protocol_version = "HTTP/1.1"
+        # A keep-alive connection that sends nothing for this long is closed.
+        timeout = IDLE_DROP_S
+
+        def setup(self):
+            super().setup()
+            self.served = 0
+
         def log_message(self, fmt, *args):
             print("request: " + fmt % args, flush=True)
 
-        def answer(self, status, body, content_type, mistakes):
+        def answer(self, status, body, content_type, mistakes, reference="none"):
             self.send_response(status)
             self.send_header("Content-Type", content_type)
             self.send_header("Content-Length", str(len(body)))
+            self.send_header("X-S2-Double-Reference", reference)
             every = double.startup_mistakes + mistakes
             if every:
                 self.send_header(MISTAKES_HEADER, "; ".join(every).replace("\r", " ").replace("\n", " "))
@@ -229,7 +285,12 @@ def make_handler(double):
 
         def do_POST(self):
             body = self.rfile.read(int(self.headers.get("Content-Length", "0")))
-            print("generate: %d bytes" % len(body), flush=True)
+            self.served += 1
+            print("generate: %d bytes, request %d on this connection" % (len(body), self.served), flush=True)
+            if self.served > 1 and env("S2_DOUBLE_DROP_REUSED"):
+                print("dropped the connection unanswered", flush=True)
+                self.close_connection = True
+                return
             if self.path != "/generate":
                 self.answer(404, b"not found", "text/plain", [])
                 return
@@ -242,25 +303,31 @@ def make_handler(double):
             mistakes = []
             try:
                 parts, mistakes = parse_form(self.headers.get("Content-Type"), body)
-                text = check_form(parts, mistakes)
+                text, reference = check_form(parts, mistakes)
             except ValueError as error:
                 mistake(mistakes, "malformed form: %s" % error)
                 self.answer(400, ("malformed form: %s" % error).encode(), "text/plain", mistakes)
                 return
+            except Refusal as refusal:
+                self.answer(refusal.status, refusal.body, refusal.content_type, mistakes)
+                return
             reply = env("S2_DOUBLE_REPLY", "wav")
             if reply == "busy" or not double.busy.acquire(blocking=False):
-                self.answer(503, b"busy", "text/plain", mistakes)
+                self.answer(503, BUSY_TEXT, "text/plain", mistakes)
                 return
+            # As in the real server, the synthesis lock is let go before the
+            # reply is written: a client that has its answer finds it free.
             try:
                 time.sleep(int(env("S2_DOUBLE_SYNTH_MS", "0")) / 1000)
                 if reply == "notwav":
-                    self.answer(200, b"this is not audio at all", "audio/wav", mistakes)
+                    status, audio = 200, b"this is not audio at all"
                 elif reply == "error500":
-                    self.answer(500, "model exploded: 无法合成".encode(), "text/plain; charset=utf-8", mistakes)
+                    status, audio = 500, FAILED_TEXT
                 else:
-                    self.answer(200, wav_for(text), "audio/wav", mistakes)
+                    status, audio = 200, wav_for(text)
             finally:
                 double.busy.release()
+            self.answer(status, audio, "audio/wav" if status == 200 else "text/plain", mistakes, reference)
 
     return Handler
 
