@@ -80,9 +80,9 @@ bool reachedFromLoopback(std::string_view hex) {
   return IN6_IS_ADDR_V4MAPPED(&address) && (words[3] == loopback || words[3] == INADDR_ANY);
 }
 
-// Inodes of the sockets listening on `port` in one /proc/net table that a
-// connect to 127.0.0.1 reaches.
-void listeningInodes(const std::string& table, std::int64_t port, std::set<std::uint64_t>& out) {
+// Adds the inodes of the sockets listening on `port` in one /proc/net table
+// that a connect to 127.0.0.1 reaches.
+void addListeningInodes(const std::string& table, std::int64_t port, std::set<std::uint64_t>& out) {
   const auto bytes = readFile(table);
   if (!bytes) return;
   std::istringstream lines(std::string(bytes->begin(), bytes->end()));
@@ -101,6 +101,13 @@ void listeningInodes(const std::string& table, std::int64_t port, std::set<std::
     std::from_chars(local.data() + colon + 1, local.data() + local.size(), localPort, 16);
     if (localPort == port && reachedFromLoopback(std::string_view(local).substr(0, colon))) out.insert(inode);
   }
+}
+
+std::set<std::uint64_t> listeningInodes(std::int64_t port) {
+  std::set<std::uint64_t> out;
+  addListeningInodes("/proc/net/tcp", port, out);
+  addListeningInodes("/proc/net/tcp6", port, out);
+  return out;
 }
 
 // `root` and every process descending from it.
@@ -309,14 +316,25 @@ PortProbe probeLoopback(std::int64_t port, std::chrono::milliseconds sendTimeout
 }
 
 PortHolder loopbackListener(std::int64_t port, pid_t root) {
-  std::set<std::uint64_t> inodes;
-  listeningInodes("/proc/net/tcp", port, inodes);
-  listeningInodes("/proc/net/tcp6", port, inodes);
-  if (inodes.empty()) return PortHolder::nobody;
+  const std::set<std::uint64_t> listening = listeningInodes(port);
+  if (listening.empty()) return PortHolder::nobody;
+  std::set<std::uint64_t> foreign = listening;
   if (root > 0) {
-    for (const pid_t pid : processTree(root)) dropSocketsOf(pid, inodes);
+    // Mostly the child itself listens; its descendants are looked up only if not.
+    dropSocketsOf(root, foreign);
+    if (!foreign.empty()) {
+      for (const pid_t pid : processTree(root)) dropSocketsOf(pid, foreign);
+    }
   }
-  return inodes.empty() ? PortHolder::tree : PortHolder::other;
+  const bool oursSeen = foreign.size() < listening.size();
+  if (!foreign.empty()) {
+    // A process exiting while we look loses its descriptors before its socket
+    // leaves the table: only a socket still listening now is someone else's.
+    const std::set<std::uint64_t> still = listeningInodes(port);
+    std::erase_if(foreign, [&](std::uint64_t inode) { return !still.contains(inode); });
+    if (!foreign.empty()) return PortHolder::other;
+  }
+  return oursSeen ? PortHolder::tree : PortHolder::nobody;
 }
 
 }  // namespace kelvo

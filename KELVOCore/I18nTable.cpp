@@ -321,6 +321,7 @@ void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
   t["注意:%s"] = {"注意: %s", "warning: %s"};
   t["未知选项 %s"] = {"不明なオプション %s", "unknown option %s"};
   t["未知命令 %s"] = {"不明なコマンド %s", "unknown command %s"};
+  t["缺少命令,可以用:%s"] = {"コマンドがありません。使えるのは: %s", "a command is needed, one of: %s"};
   t["你是不是想输入 %s?"] = {"%s のことですか?", "did you mean %s?"};
   t["用 `%s --help` 查看用法。"] = {"使い方は `%s --help` で確認できます。", "see `%s --help` for usage."};
   t["已写入 %s:%lld 个声音,%lld 段音频,%lld 个绑定,%lld 字节"] = {

@@ -90,7 +90,12 @@ std::string explainParseError(const CLI::App& app, const CLI::ParseError& error)
   for (const CLI::App* sub : at->get_subcommands([](const CLI::App*) { return true; })) {
     commands.push_back(sub->get_name());
   }
-  if (!rest.empty() && !commands.empty() && at->get_subcommands().empty()) {
+  if (!commands.empty() && at->get_subcommands().empty()) {
+    if (rest.empty()) {
+      std::string list;
+      for (const std::string& c : commands) list += (list.empty() ? "" : ", ") + c;
+      return TF("缺少命令,可以用:%s", list) + "\n" + help;
+    }
     return withSuggestion(TF("未知命令 %s", rest.front()), nearestName(rest.front(), commands)) + "\n" + help;
   }
   return std::string(error.what()) + "\n" + help;

@@ -280,7 +280,7 @@ TEST(AudioDecodeTest, OggReasonsAreWorded) {
   const std::pair<OggResult, std::string_view> reasons[] = {
       {OggResult::ok, ""},
       {OggResult::noDecoder,
-       "kelvo_audio.dll is not next to the app, so ogg cannot be decoded - the engine does not accept ogg either; "
+       "this build has no Ogg decoder, so ogg cannot be decoded - the engine does not accept ogg either; "
        "please use WAV or MP3."},
       {OggResult::notVorbis, "this is not an ogg file."},
       {OggResult::opus,

@@ -174,7 +174,9 @@ TEST_F(ClonePackTest, RefusesWholePacksBeforeTouchingAnything) {
   };
   // Each refused alike from memory and from a file, which is read piece by piece.
   const std::string file = a.dir.path() + "refused.cln";
-  for (const auto& [bytes, message] : cases) {
+  for (const auto& refused : cases) {
+    const Bytes& bytes = refused.first;
+    const std::string& message = refused.second;
     ASSERT_FALSE(writeFileAtomic(file, bytes));
     for (const auto& import : {std::function([&] { importPack(bytes, b.library, b.config); }),
                                std::function([&] { importPack(file, b.library, b.config); })}) {

@@ -373,7 +373,7 @@ TEST_F(S2Engine, StartFaultsEndInTheirStateDetailAndLogLine) {
       {"exit 3", dies("exit:3"), failed, hinted(3, "(none)"), LogLevel::error, exited + "3; log: %LOG%"},
       {"never listens", {{"S2_DOUBLE_NEVER_LISTEN", "1"}}, failed, "the model still is not loaded after 0 s — see %LOG%",
        LogLevel::error, "the model is still not loaded after 0 s; giving up (log: %LOG%)", 300ms},
-      {"dies four times", {{"S2_DOUBLE_DIE", "ready+100"}}, failed, "the inference process keeps exiting (3 times); "
+      {"dies four times", {{"S2_DOUBLE_DIE", "ready+500"}}, failed, "the inference process keeps exiting (3 times); "
        "auto-restart stopped - see %LOG%", LogLevel::warn, "inference process gone (auto-restarted 3 time(s))"},
       {"ports taken", {}, failed, "ports %FIRST%..%LAST% are all taken — nowhere to put the inference process",
        LogLevel::error, "ports %FIRST%..%LAST% are all taken", 20s, Setup::portsTaken},
