@@ -189,33 +189,7 @@ std::error_code TempFile::append(std::span<const std::uint8_t> data) {
   return {};
 }
 
-// ---- RandomAccessFile -----------------------------------------------------------------
-
-std::optional<RandomAccessFile> RandomAccessFile::open(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  struct stat st {};
-  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    ::close(fd);
-    return std::nullopt;
-  }
-  return RandomAccessFile(fd, static_cast<std::uint64_t>(st.st_size));
-}
-
-RandomAccessFile::RandomAccessFile(RandomAccessFile&& other) noexcept
-    : fd_(std::exchange(other.fd_, -1)), size_(other.size_) {}
-
-RandomAccessFile& RandomAccessFile::operator=(RandomAccessFile&& other) noexcept {
-  std::swap(fd_, other.fd_);
-  std::swap(size_, other.size_);
-  return *this;
-}
-
-RandomAccessFile::~RandomAccessFile() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-bool RandomAccessFile::readAt(std::uint64_t offset, std::span<std::uint8_t> out) const {
+bool OpenFile::readAt(std::uint64_t offset, std::span<std::uint8_t> out) const {
   std::size_t done = 0;
   while (done < out.size()) {
     const ssize_t n = ::pread(fd_, out.data() + done, out.size() - done, static_cast<off_t>(offset + done));

@@ -5,7 +5,7 @@
 // and a file read piece by piece at any offset.
 //
 // Thread-safe as far as the file system is: two writers of the same path race,
-// but each reader sees one complete version. A TempFile or RandomAccessFile
+// but each reader sees one complete version. A TempFile or OpenFile
 // object belongs to one thread at a time.
 #pragma once
 
@@ -42,6 +42,9 @@ class OpenFile {
   std::uint64_t size() const { return size_; }
   // The whole content by positioned reads; absent when it is not `size()` bytes any more.
   std::optional<std::vector<std::uint8_t>> readAll() const;
+  // Fills `out` from `offset`, so a large archive is read one entry at a time
+  // instead of whole; false when the file ends first or cannot be read.
+  bool readAt(std::uint64_t offset, std::span<std::uint8_t> out) const;
 
  private:
   int fd_ = -1;
@@ -81,27 +84,6 @@ class TempFile {
   TempFile(int fd, std::string path) : fd_(fd), path_(std::move(path)) {}
   int fd_ = -1;
   std::string path_;
-  std::uint64_t size_ = 0;
-};
-
-// A file opened for reading at any offset, so a large archive is read one
-// entry at a time instead of whole. Move-only; closed when the object dies.
-class RandomAccessFile {
- public:
-  // Absent when `path` cannot be opened or is not a regular file.
-  static std::optional<RandomAccessFile> open(const std::string& path);
-  RandomAccessFile(RandomAccessFile&& other) noexcept;
-  RandomAccessFile& operator=(RandomAccessFile&& other) noexcept;
-  RandomAccessFile(const RandomAccessFile&) = delete;
-  ~RandomAccessFile();
-
-  std::uint64_t size() const { return size_; }  // when opened
-  // Fills `out` from `offset`; false when the file ends first or cannot be read.
-  bool readAt(std::uint64_t offset, std::span<std::uint8_t> out) const;
-
- private:
-  RandomAccessFile(int fd, std::uint64_t size) : fd_(fd), size_(size) {}
-  int fd_ = -1;
   std::uint64_t size_ = 0;
 };
 

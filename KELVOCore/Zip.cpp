@@ -155,7 +155,7 @@ Bytes ZipWriter::finish() {
 
 // ---- Reader ---------------------------------------------------------------------
 
-ZipReader::ZipReader(Bytes owned, std::span<const std::uint8_t> bytes, std::optional<RandomAccessFile> file)
+ZipReader::ZipReader(Bytes owned, std::span<const std::uint8_t> bytes, std::optional<OpenFile> file)
     : owned_(std::move(owned)), bytes_(bytes), file_(std::move(file)) {
   if (!owned_.empty()) bytes_ = owned_;
   size_ = file_ ? file_->size() : bytes_.size();
@@ -168,7 +168,7 @@ ZipResult<ZipReader> ZipReader::openView(std::span<const std::uint8_t> data) {
 }
 
 ZipResult<ZipReader> ZipReader::openFile(const std::string& path) {
-  auto file = RandomAccessFile::open(path);
+  auto file = OpenFile::open(path);
   if (!file) return ZipError::corrupt("cannot read " + path);
   return parse(ZipReader({}, {}, std::move(file)));
 }

@@ -152,7 +152,7 @@ class ZipReader {
     std::uint32_t crc = 0;
   };
 
-  ZipReader(Bytes owned, std::span<const std::uint8_t> bytes, std::optional<RandomAccessFile> file);
+  ZipReader(Bytes owned, std::span<const std::uint8_t> bytes, std::optional<OpenFile> file);
   static ZipResult<ZipReader> parse(ZipReader reader);
   // `length` bytes at `offset`: a view of the archive in memory, or read from
   // the file into `scratch`. Absent past the end or on a read error.
@@ -166,7 +166,7 @@ class ZipReader {
   // A vector keeps its buffer when moved, so `bytes_` stays valid across moves.
   Bytes owned_;
   std::span<const std::uint8_t> bytes_;
-  std::optional<RandomAccessFile> file_;  // instead of `bytes_`
+  std::optional<OpenFile> file_;  // instead of `bytes_`
   std::uint64_t size_ = 0;
   std::map<std::string, Entry, std::less<>> index_;
   std::uint64_t handedOut_ = 0;  // bytes returned by read() so far
