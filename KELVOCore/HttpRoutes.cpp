@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "KELVOCore/HttpOpenAi.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
 #include "KELVOCore/SelfCheck.h"
@@ -181,7 +182,7 @@ HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
     const std::int64_t limit = service_->config().rateLimitPerMinute();
     HttpResponse r = HttpResponse::error(429, "rate_limited", TF("超过了每分钟 %d 次请求的上限", static_cast<int>(limit)));
     r.headers["Retry-After"] = "60";
-    return r;
+    return isOpenAiPath(path) ? openAiError(std::move(r)) : r;
   }
   try {
     return route(request, path);
@@ -215,7 +216,9 @@ bool TtsHttpService::rateLimited(const std::string& peer) {
 
 HttpResponse TtsHttpService::route(const HttpRequest& request, const std::string& path) {
   const std::string& method = request.method;
-  if (path == "/v1/tts") return synthesis(request);
+  if (path == "/v1/tts") return *synthesis(request, false);
+  if (path == "/v1/audio/speech") return *speech(request, false);
+  if (path == "/v1/models") return method == "GET" ? models() : openAiError(methodNotAllowed(method));
   if (path == "/v1/prewarm") return method == "DELETE" ? cancelPrewarm() : prewarm(request);
   if (path == "/v1/selftest" || path == "/selftest") {
     return method == "GET" ? selfCheck(request) : methodNotAllowed(method);
@@ -309,74 +312,89 @@ std::optional<HttpResponse> TtsHttpService::quickDispatch(const HttpRequest& req
   const std::string path = asciiLower(request.path);
   if (path == "/v1/health" || path == "/health") return dispatch(request);
   // With a rate limit each request must be counted once, and dispatch() does that.
-  if (path != "/v1/tts" || service_->config().rateLimitPerMinute() >= 1) return std::nullopt;
-  return synthesis(request, true);
+  if (service_->config().rateLimitPerMinute() >= 1) return std::nullopt;
+  if (path == "/v1/tts") return synthesis(request, true);
+  if (path == "/v1/audio/speech") return speech(request, true);
+  return std::nullopt;
 }
 
-HttpResponse TtsHttpService::synthesis(const HttpRequest& request) { return *synthesis(request, false); }
-
 std::optional<HttpResponse> TtsHttpService::synthesis(const HttpRequest& request, bool cachedOnly) {
-  const auto started = SteadyClock::now();
+  constexpr std::string_view kRoute = "/v1/tts";
   TtsRequest tts;
-  std::optional<HttpResponse> refusal;
+  std::string formatName;
   if (request.method == "POST") {
     const std::optional<Json> body = parseJsonObject(request.body);
-    if (body) tts = requestFromJson(*body);
-    else refusal = badJson();
+    if (!body) return cachedOnly ? std::nullopt : std::optional(refuseSpeech(request, kRoute, badJson()));
+    tts = requestFromJson(*body);
+    formatName = jStr(*body, "format");
   } else {
     tts = requestFromQuery(request);
+    formatName = request.queryValue("format");
   }
-  if (cachedOnly && refusal) return std::nullopt;
+  // The native API answers WAV unless a player asks for something else.
+  const std::optional<AudioFormat> format =
+      trimmed(formatName).empty() ? AudioFormat::wav : parseAudioFormat(formatName);
+  if (!format) return cachedOnly ? std::nullopt : std::optional(refuseSpeech(request, kRoute, unknownAudioFormat(formatName)));
+  return speak(request, tts, *format, kRoute, cachedOnly);
+}
 
+HttpResponse TtsHttpService::refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal) {
   RequestLog log;
   log.peer = request.peer;
-  log.route = "/v1/tts";
+  log.route = std::string(route);
+  log.status = refusal.status;
+  if (const std::optional<Json> body = parseJsonObject(refusal.body)) log.note = jStr(*body, "message");
+  AppLog::request(std::move(log));
+  return refusal;
+}
+
+std::optional<HttpResponse> TtsHttpService::speak(const HttpRequest& request, const TtsRequest& tts,
+                                                  AudioFormat format, std::string_view route, bool cachedOnly) {
+  const auto started = SteadyClock::now();
+  RequestLog log;
+  log.peer = request.peer;
+  log.route = std::string(route);
   log.language = normLang(tts.language);
   log.voice = trimmed(tts.voiceId);
   log.speed = clampSpeed(tts.speed);
 
   HttpResponse response;
-  if (refusal) {
-    response = *refusal;
-    log.note = T("请求体不是合法的 JSON");
-  } else {
-    try {
-      const std::string clientTag = request.header("if-none-match");
-      std::optional<TtsReply> answer;
-      if (cachedOnly) {
-        answer = service_->answerFromCache(tts, bareTag(clientTag));
-        if (!answer) return std::nullopt;
-      } else {
-        answer = service_->answer(tts, bareTag(clientTag));
-      }
-      TtsReply& reply = *answer;
-      const TtsResult& result = reply.result;
-      log.voice = result.voiceId;
-      log.audioMs = result.durationMs;
-      log.cacheHit = result.fromCache;
-      if (reply.notModified) {
-        response.status = 304;
-        response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
-      } else {
-        response.headers = {{"Content-Type", "audio/wav"},
-                            {"ETag", result.etag},
-                            {"X-KELVO-Result", "ok"},
-                            {"X-KELVO-Engine", result.engine},
-                            {"X-KELVO-Voice", result.voiceId},
-                            {"X-KELVO-Sample-Rate", std::to_string(result.sampleRate)},
-                            {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
-                            {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
-                            {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
-        response.body = std::move(reply.result.wav);
-        response.bodyFile = std::move(reply.file);
-      }
-    } catch (const TtsError& e) {
-      response = errorFor(e);
-      log.note = e.message;
-    } catch (const std::exception& e) {
-      response = HttpResponse::error(500, "internal", e.what());
-      log.note = e.what();
+  try {
+    const std::string clientTag = request.header("if-none-match");
+    std::optional<TtsReply> answer;
+    if (cachedOnly) {
+      answer = service_->answerFromCache(tts, bareTag(clientTag), format);
+      if (!answer) return std::nullopt;
+    } else {
+      answer = service_->answer(tts, bareTag(clientTag), format);
     }
+    TtsReply& reply = *answer;
+    const TtsResult& result = reply.result;
+    log.voice = result.voiceId;
+    log.audioMs = result.durationMs;
+    log.cacheHit = result.fromCache;
+    if (reply.notModified) {
+      response.status = 304;
+      response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
+    } else {
+      response.headers = {{"Content-Type", std::string(contentType(result.format))},
+                          {"ETag", result.etag},
+                          {"X-KELVO-Result", "ok"},
+                          {"X-KELVO-Engine", result.engine},
+                          {"X-KELVO-Voice", result.voiceId},
+                          {"X-KELVO-Sample-Rate", std::to_string(deliveredSampleRate(result.format, result.sampleRate))},
+                          {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
+                          {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
+                          {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
+      response.body = std::move(reply.result.wav);
+      response.bodyFile = std::move(reply.file);
+    }
+  } catch (const TtsError& e) {
+    response = errorFor(e);
+    log.note = e.message;
+  } catch (const std::exception& e) {
+    response = HttpResponse::error(500, "internal", e.what());
+    log.note = e.what();
   }
   log.status = response.status;
   log.elapsedMs = millisSince(started);
