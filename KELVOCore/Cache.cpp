@@ -45,17 +45,26 @@ bool isPlainWavName(std::string_view name) {
          name.find('\0') == std::string_view::npos;
 }
 
-// Calls `visit` with the name of every regular file with a plain ".wav" name
-// directly inside `dir`. Links and folders are left out, so no entry can lead
-// outside the directory. readdir rather than std::filesystem: at 100,000 files
-// a path object per name is a visible part of the start.
+// The same for an encoded variant of a line: its extension names the format.
+bool isPlainVariantName(std::string_view name) {
+  if (name.find('/') != std::string_view::npos || name.find('\0') != std::string_view::npos) return false;
+  for (const std::string_view suffix : {".mp3", ".opus", ".flac", ".pcm"}) {
+    if (name.size() > suffix.size() && name.ends_with(suffix)) return true;
+  }
+  return false;
+}
+
+// Calls `visit` with the name of every regular file directly inside `dir`
+// whose name passes `wanted`. Links and folders are left out, so no entry can
+// lead outside the directory. readdir rather than std::filesystem: at 100,000
+// files a path object per name is a visible part of the start.
 template <typename Visit>
-void forEachWavFile(const std::string& dir, Visit&& visit) {
+void forEachFile(const std::string& dir, bool (*wanted)(std::string_view), Visit&& visit) {
   DIR* folder = ::opendir(dir.c_str());
   if (folder == nullptr) return;
   while (const dirent* e = ::readdir(folder)) {
     const std::string_view name = e->d_name;
-    if (!isPlainWavName(name)) continue;
+    if (!wanted(name)) continue;
     bool regular = e->d_type == DT_REG;
     if (e->d_type == DT_UNKNOWN) {  // file systems that do not say; ask without following links
       struct stat st {};
@@ -68,6 +77,22 @@ void forEachWavFile(const std::string& dir, Visit&& visit) {
 
 // True when the file is gone, whether deleted now or never there.
 bool deleteFile(const std::string& path) { return ::unlink(path.c_str()) == 0 || errno == ENOENT; }
+
+// What an entry takes on disk: its WAV and every variant.
+std::int64_t footprint(const CacheEntry& e) {
+  std::int64_t total = e.bytes;
+  for (const auto& [name, size] : e.variants) total += size;
+  return total;
+}
+
+// The facts of a hit as the index knows them.
+void describe(const CacheEntry& entry, TtsResult& result) {
+  result.sampleRate = entry.sampleRate;
+  result.durationMs = entry.durationMs;
+  result.voiceId = entry.voiceId;
+  result.language = entry.language;
+  result.speed = entry.speed;
+}
 
 // ---- Index reading ----------------------------------------------------------
 // The index is parsed with simdjson: nlohmann needs about a second for 100,000
@@ -133,6 +158,13 @@ std::optional<CacheEntry> entryFrom(sj::object fields) {
       e.durationMs = intValue(name, field.value);
     } else if (name == "bytes") {
       e.bytes = std::clamp<std::int64_t>(intValue(name, field.value), 0, kMaxWavBytes);
+    } else if (name == "variants") {
+      sj::object variants;
+      if (field.value.get_object().get(variants) != simdjson::SUCCESS) continue;
+      for (const auto variant : variants) {
+        const std::int64_t size = std::clamp<std::int64_t>(intValue(variant.key, variant.value), 0, kMaxWavBytes);
+        if (isPlainVariantName(variant.key)) e.variants[std::string(variant.key)] = size;
+      }
     }
   }
   if (!isPlainWavName(e.fileName)) return std::nullopt;
@@ -168,6 +200,7 @@ Bytes indexBytes(const std::vector<std::pair<std::string, CacheEntry>>& entries)
                  {"text", e.text},         {"language", e.language},
                  {"speed", jsonNumber(e.speed, 3)}, {"sampleRate", e.sampleRate},
                  {"durationMs", e.durationMs},      {"bytes", e.bytes}};
+    if (!e.variants.empty()) root[key]["variants"] = e.variants;
   }
   return jsonData(root, false);
 }
@@ -248,7 +281,7 @@ WavCache::WavCache(std::string dir, std::int64_t budgetBytes, DiskFloor floor)
   // the lookups then meet the entries in the order they were allocated in.
   const Listing listing = std::async([dir = dir_] {
                             std::vector<std::string> names;
-                            forEachWavFile(dir, [&names](std::string_view name) { names.emplace_back(name); });
+                            forEachFile(dir, isPlainWavName, [&names](std::string_view name) { names.emplace_back(name); });
                             std::sort(names.begin(), names.end());
                             return names;
                           }).share();
@@ -329,7 +362,12 @@ bool WavCache::loadIndex(const std::string& path, const Listing& listing, std::v
       continue;
     }
     it->second.stamp = ++clock_;
-    bytes_ += it->second.bytes;
+    // Variants are few and optional: one whose file is gone is simply forgotten.
+    std::erase_if(it->second.variants, [this](const auto& variant) {
+      std::error_code ec;
+      return static_cast<std::int64_t>(fs::file_size(dir_ + variant.first, ec)) != variant.second || ec;
+    });
+    bytes_ += footprint(it->second);
     ++claimed;
   }
   if (claimed == 0) {
@@ -410,13 +448,8 @@ std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bo
     if (damaged.empty()) {
       if (countUse) ++hits_;
       if (!waiting) {
-        CacheEntry& entry = it->second;
-        if (countUse) entry.stamp = ++clock_;
-        hit.result.sampleRate = entry.sampleRate;
-        hit.result.durationMs = entry.durationMs;
-        hit.result.voiceId = entry.voiceId;
-        hit.result.language = entry.language;
-        hit.result.speed = entry.speed;
+        if (countUse) it->second.stamp = ++clock_;
+        describe(it->second, hit.result);
       }
     }
   }
@@ -429,6 +462,78 @@ std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bo
   hit.result.etag = key;
   hit.result.fromCache = true;
   return hit;
+}
+
+std::optional<CacheHit> WavCache::lookupVariant(const std::string& key, const std::string& name) {
+  if (!enabled_) return std::nullopt;
+  CacheHit hit;
+  {
+    std::lock_guard guard(lock_);
+    const auto it = items_.find(key);
+    if (it == items_.end()) return std::nullopt;
+    const auto variant = it->second.variants.find(name);
+    if (variant == it->second.variants.end()) return std::nullopt;
+    // Opened under the lock for the same reason as the clip itself (find).
+    std::optional<OpenFile> file = OpenFile::open(dir_ + name);
+    if (file && static_cast<std::int64_t>(file->size()) == variant->second) {
+      hit.file = std::move(*file);
+      it->second.stamp = ++clock_;
+      ++hits_;
+      describe(it->second, hit.result);
+    } else {
+      // The line itself is still good; only this form is encoded again.
+      bytes_ -= variant->second;
+      it->second.variants.erase(variant);
+      dirty_ = true;
+    }
+  }
+  if (!hit.file.isOpen()) {
+    AppLog::warn(kSource, "cannot read cached variant (" + name + "), encoding it again");
+    return std::nullopt;
+  }
+  hit.result.etag = key;
+  hit.result.fromCache = true;
+  return hit;
+}
+
+void WavCache::putVariant(const std::string& key, const std::string& name, std::span<const std::uint8_t> bytes) {
+  if (!enabled_ || !isPlainVariantName(name)) return;
+  {
+    std::unique_lock guard(lock_);
+    // A fresh line is still with the writer thread; its variants follow it.
+    writeDone_.wait(guard, [&] { return !pending_.contains(key); });
+    if (!items_.contains(key)) return;
+  }
+  const auto size = static_cast<std::int64_t>(bytes.size());
+  // A variant never pushes out lines for the free-space floor: it is only a convenience.
+  if (floor_.deficit(dir_, size) > 0) return;
+  const std::string path = dir_ + name;
+  if (const auto ec = writeFileAtomic(path, bytes)) {
+    AppLog::warn(kSource, "cannot write cache to " + path + ": " + ec.message());
+    return;
+  }
+  {
+    std::lock_guard guard(lock_);
+    const auto it = items_.find(key);
+    // Evicted or cleared while the file was written: it must not stay behind.
+    if (it == items_.end()) {
+      deleteFile(path);
+      return;
+    }
+    std::int64_t& stored = it->second.variants[name];
+    bytes_ += size - stored;
+    stored = size;
+    dirty_ = true;
+    evictLocked(0);
+  }
+  saveIndex(false);
+}
+
+bool WavCache::hasVariant(const std::string& key, const std::string& name) const {
+  if (!enabled_) return false;
+  std::lock_guard guard(lock_);
+  const auto it = items_.find(key);
+  return it != items_.end() && it->second.variants.contains(name);
 }
 
 bool WavCache::contains(const std::string& key) const {
@@ -570,7 +675,9 @@ void WavCache::clear() {
   // Files first: a line stored meanwhile at worst leaves a file that comes back
   // as an orphan, never an entry without its file.
   std::vector<std::string> names;
-  forEachWavFile(dir_, [&names](std::string_view name) { names.emplace_back(name); });
+  const auto collect = [&names](std::string_view name) { names.emplace_back(name); };
+  forEachFile(dir_, isPlainWavName, collect);
+  forEachFile(dir_, isPlainVariantName, collect);
   std::size_t failed = 0;
   for (const auto& name : names) {
     if (!deleteFile(dir_ + name)) ++failed;
@@ -635,16 +742,23 @@ bool WavCache::isEnabled() const { return enabled_; }
 
 void WavCache::insertLocked(const std::string& key, CacheEntry entry) {
   entry.stamp = ++clock_;
-  bytes_ += entry.bytes;
+  bytes_ += footprint(entry);
   const auto [it, inserted] = items_.try_emplace(key);
-  // A replaced line's file was just overwritten under the same name: only its bytes go.
-  if (!inserted) bytes_ -= it->second.bytes;
+  // A replaced line's file was just overwritten under the same name: only its
+  // bytes go; its encoded forms were made from the old audio and go entirely.
+  if (!inserted) {
+    bytes_ -= footprint(it->second);
+    for (const auto& [name, size] : it->second.variants) {
+      if (!entry.variants.contains(name)) deleteFile(dir_ + name);
+    }
+  }
   it->second = std::move(entry);
 }
 
 void WavCache::eraseLocked(Items::iterator it) {
-  bytes_ -= it->second.bytes;
+  bytes_ -= footprint(it->second);
   deleteFile(dir_ + it->second.fileName);
+  for (const auto& [name, size] : it->second.variants) deleteFile(dir_ + name);
   items_.erase(it);
   dirty_ = true;
 }

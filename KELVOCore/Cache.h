@@ -31,6 +31,7 @@
 #include <functional>
 #include <cstdint>
 #include <future>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -66,6 +67,10 @@ struct CacheEntry {
   std::int64_t durationMs = 0;
   std::int64_t bytes = 0;  // size of the WAV file
   std::int64_t stamp = 0;  // cache clock at the last use; larger is more recent; not stored
+  // Encoded forms of the line stored beside the WAV, file name -> size. They
+  // belong to the entry: counted in the cache's size, evicted, replaced and
+  // removed with it.
+  std::map<std::string, std::int64_t> variants;
 };
 
 struct CacheStats {
@@ -135,6 +140,21 @@ class WavCache {
   // Whether `tryGet` would find an entry; no counter changes.
   bool contains(const std::string& key) const;
 
+  // The entry's stored variant `name` (an encoded form, see putVariant) as a
+  // hit like lookup's, with the variant's file open; absent, and nothing
+  // counted, when the entry or the variant is not there. A variant file that
+  // is gone or has the wrong size is dropped from the entry.
+  std::optional<CacheHit> lookupVariant(const std::string& key, const std::string& name);
+  // Whether lookupVariant would find the variant's entry; no counter changes.
+  bool hasVariant(const std::string& key, const std::string& name) const;
+  // Stores `bytes` as the file `name` beside the entry's WAV (once a line
+  // handed to putLater is written) and counts it in the cache's size,
+  // evicting down to the budget. Does nothing when disabled, when `key` has no
+  // entry, when the disk is at its free-space floor, or for a name that is not
+  // a plain file name with an encoded-audio extension (".mp3", ".opus",
+  // ".flac", ".pcm").
+  void putVariant(const std::string& key, const std::string& name, std::span<const std::uint8_t> bytes);
+
   // Stores `result.wav` as "<key>.wav" and indexes it with `text`, replacing an
   // older entry of the key, then evicts down to the budget. Does nothing when
   // disabled or the audio is empty; a failed write is logged and stores nothing.
@@ -148,7 +168,7 @@ class WavCache {
   void flush();
   // Drops one entry and deletes its file.
   void remove(const std::string& key);
-  // Deletes every WAV file in the directory and empties the index.
+  // Deletes every WAV file and variant in the directory and empties the index.
   void clear();
 
   // What is on disk: lines still waiting for the writer thread are not counted yet.

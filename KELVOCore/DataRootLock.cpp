@@ -35,7 +35,10 @@ std::unique_ptr<DataRootLock> DataRootLock::acquire(const std::string& lockFile,
   if (error) return nullptr;
   // Close-on-exec: an engine child that inherited the descriptor would keep
   // the root locked after the service died.
-  const int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  // A lock file another user made (a command run as root beside a service run
+  // as its own user) still locks when opened to read; only the record is lost.
+  if (fd < 0 && errno == EACCES) fd = ::open(lockFile.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     error = {errno, std::generic_category()};
     return nullptr;

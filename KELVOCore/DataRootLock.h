@@ -39,7 +39,8 @@ class DataRootLock {
   DataRootLock(const DataRootLock&) = delete;
   DataRootLock& operator=(const DataRootLock&) = delete;
 
-  // Records `url` beside the pid, replacing any earlier one.
+  // Records `url` beside the pid, replacing any earlier one. Nothing is
+  // recorded in a lock file this process may only read.
   void publish(const std::string& url);
 
  private:

@@ -5,6 +5,7 @@
 // player needs (synthesis, listings, statistics, metrics, self-check),
 // `admin` for everything that changes state, `open` only for health, the
 // document itself and the hub (which has its own delete keys).
+#include "KELVOCore/HttpOpenAi.h"
 #include "KELVOCore/HttpRoutes.h"
 #include "KELVOCore/OpenApi.h"
 
@@ -68,7 +69,8 @@ Json synthesisRequestSchema() {
                          {"speed", "number"},
                          {"sample_rate", "integer"},
                          {"seed", "integer"},
-                         {"priority", "string"}});
+                         {"priority", "string"},
+                         {"format", "string"}});
 }
 
 std::vector<QueryParam> synthesisQuery() {
@@ -81,7 +83,8 @@ std::vector<QueryParam> synthesisQuery() {
           {"speed", "number", "speaking rate 0.5..2.0"},
           {"sample_rate", "integer", "output rate, 0 for the configured one"},
           {"seed", "integer", "sampling seed"},
-          {"priority", "string", "high puts the job ahead in the queue"}};
+          {"priority", "string", "high puts the job ahead in the queue"},
+          {"format", "string", "wav (default), mp3, opus, flac or pcm"}};
 }
 
 Json packSummarySchema() {
@@ -95,6 +98,14 @@ Json packSummarySchema() {
                  {"summary", "string"}});
 }
 
+// The OpenAI error shape: {"error": {"message", "type", "param", "code"}}.
+Json openAiErrorSchema(const std::vector<std::string>& codes) {
+  return object({{"error", object({{"message", "string"},
+                                   {"type", "string"},
+                                   {"param", Json{{"type", Json::array({"string", "null"})}}},
+                                   {"code", Json{{"enum", codes}}}})}});
+}
+
 Json keySchema() {
   return object({{"name", "string"}, {"scope", Json{{"enum", Json::array({"speak", "admin"})}}}, {"created", "string"}, {"last_used", "string"}});
 }
@@ -105,7 +116,7 @@ void TtsHttpService::addRoutes() {
   using P = const RouteParams&;
   using R = const HttpRequest&;
   const std::map<int, std::vector<std::string>> synthesisErrors{
-      {400, {"bad_json", "empty_text", "bad_speed"}},
+      {400, {"bad_json", "empty_text", "bad_speed", "bad_format"}},
       {404, {"bad_voice"}},
       {413, {"text_too_long", "body_too_large"}},
       {500, {"engine_failed"}},
@@ -138,7 +149,7 @@ void TtsHttpService::addRoutes() {
   routes_.add({.method = "*",
                .pattern = "/v1/tts",
                .scope = Scope::speak,
-               .handler = [this](R r, P) { return synthesis(r); },
+               .handler = [this](R r, P) { return *synthesis(r, false); },
                .doc = {.summary = "Speak one line as WAV",
                        .description = "POST reads a JSON body; GET (and any other method) reads the query string. "
                                       "A repeated request whose If-None-Match is the answer's ETag gets 304.",
@@ -150,6 +161,48 @@ void TtsHttpService::addRoutes() {
                                            "X-KELVO-Cache"},
                        .notModified = true,
                        .errors = synthesisErrors}});
+  routes_.add({.method = "POST",
+               .pattern = "/v1/audio/speech",
+               .scope = Scope::speak,
+               .handler = [this](R r, P) { return *speech(r, false); },
+               .doc = {.summary = "Speak one line, OpenAI-compatible (audio.speech.create)",
+                       .description = "\"voice\" is a voice id, a voice's display name or an airline code; "
+                                      "response_format mp3 (default), opus, flac, wav or pcm. KELVO's language, "
+                                      "gender, airline, style, seed and priority are read as extensions.",
+                       .requestSchema = optionalObject({{"model", "string"},
+                                                        {"input", "string"},
+                                                        {"voice", Json{{"type", Json::array({"string", "object"})}}},
+                                                        {"response_format", "string"},
+                                                        {"speed", "number"},
+                                                        {"instructions", "string"},
+                                                        {"language", "string"},
+                                                        {"gender", "string"},
+                                                        {"airline", "string"}}),
+                       .responseType = "audio/mpeg",
+                       .responseHeaders = {"ETag", "X-KELVO-Result", "X-KELVO-Engine", "X-KELVO-Voice", "X-KELVO-Cache"},
+                       .notModified = true,
+                       .errors = {{400, {"bad_json", "empty_text", "bad_speed", "bad_format"}},
+                                  {404, {"bad_voice"}},
+                                  {405, {"method_not_allowed"}},
+                                  {413, {"text_too_long", "body_too_large"}},
+                                  {500, {"engine_failed"}},
+                                  {503, {"engine_not_connected", "queue_full"}},
+                                  {504, {"timeout"}}},
+                       .errorSchema = openAiErrorSchema},
+               .errorShape = openAiError});
+  routes_.add({.method = "GET",
+               .pattern = "/v1/models",
+               .scope = Scope::speak,
+               .handler = [this](R, P) { return models(); },
+               .doc = {.summary = "The models, OpenAI-compatible (models.list)",
+                       .responseSchema = object({{"object", "string"},
+                                                 {"data", arrayOf(object({{"id", "string"},
+                                                                          {"object", "string"},
+                                                                          {"created", "integer"},
+                                                                          {"owned_by", "string"}}))}}),
+                       .errors = {{405, {"method_not_allowed"}}},
+                       .errorSchema = openAiErrorSchema},
+               .errorShape = openAiError});
   routes_.add({.method = "DELETE",
                .pattern = "/v1/prewarm",
                .scope = Scope::admin,

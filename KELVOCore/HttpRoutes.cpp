@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "KELVOCore/HttpOpenAi.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
 #include "KELVOCore/SelfCheck.h"
@@ -372,11 +373,13 @@ std::optional<HttpResponse> TtsHttpService::quickDispatch(const HttpRequest& req
   // With a rate limit each request must be counted once, and dispatch() does
   // that; a caller locked out or without a key that may speak is answered (and
   // its failure counted) there too.
-  if (match.route->pattern != "/v1/tts" || service_->config().rateLimitPerMinute() >= 1 || lockedOut(request.peer)) {
+  const bool tts = match.route->pattern == "/v1/tts";
+  if ((!tts && match.route->pattern != "/v1/audio/speech") || service_->config().rateLimitPerMinute() >= 1 ||
+      lockedOut(request.peer)) {
     return std::nullopt;
   }
   if (keys_->enforced() && !keys_->check(bearerToken(request.header("authorization")))) return std::nullopt;
-  std::optional<HttpResponse> response = synthesis(request, true);
+  std::optional<HttpResponse> response = tts ? synthesis(request, true) : speech(request, true);
   if (response) {
     metrics_.countRequest(match.route->pattern, methodLabel(match.route, request.method), response->status,
                           std::chrono::duration<double>(SteadyClock::now() - started).count());
@@ -384,71 +387,84 @@ std::optional<HttpResponse> TtsHttpService::quickDispatch(const HttpRequest& req
   return response;
 }
 
-HttpResponse TtsHttpService::synthesis(const HttpRequest& request) { return *synthesis(request, false); }
-
 std::optional<HttpResponse> TtsHttpService::synthesis(const HttpRequest& request, bool cachedOnly) {
-  const auto started = SteadyClock::now();
+  constexpr std::string_view kRoute = "/v1/tts";
   TtsRequest tts;
-  std::optional<HttpResponse> refusal;
+  std::string formatName;
   if (request.method == "POST") {
     const std::optional<Json> body = parseJsonObject(request.body);
-    if (body) tts = requestFromJson(*body);
-    else refusal = badJson();
+    if (!body) return cachedOnly ? std::nullopt : std::optional(refuseSpeech(request, kRoute, badJson()));
+    tts = requestFromJson(*body);
+    formatName = jStr(*body, "format");
   } else {
     tts = requestFromQuery(request);
+    formatName = request.queryValue("format");
   }
-  if (cachedOnly && refusal) return std::nullopt;
+  // The native API answers WAV unless a player asks for something else.
+  const std::optional<AudioFormat> format =
+      trimmed(formatName).empty() ? AudioFormat::wav : parseAudioFormat(formatName);
+  if (!format) return cachedOnly ? std::nullopt : std::optional(refuseSpeech(request, kRoute, unknownAudioFormat(formatName)));
+  return speak(request, tts, *format, kRoute, cachedOnly);
+}
 
+HttpResponse TtsHttpService::refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal) {
   RequestLog log;
   log.peer = request.peer;
-  log.route = "/v1/tts";
+  log.route = std::string(route);
+  log.status = refusal.status;
+  if (const std::optional<Json> body = parseJsonObject(refusal.body)) log.note = jStr(*body, "message");
+  AppLog::request(std::move(log));
+  return refusal;
+}
+
+std::optional<HttpResponse> TtsHttpService::speak(const HttpRequest& request, const TtsRequest& tts,
+                                                  AudioFormat format, std::string_view route, bool cachedOnly) {
+  const auto started = SteadyClock::now();
+  RequestLog log;
+  log.peer = request.peer;
+  log.route = std::string(route);
   log.language = normLang(tts.language);
   log.voice = trimmed(tts.voiceId);
   log.speed = clampSpeed(tts.speed);
 
   HttpResponse response;
-  if (refusal) {
-    response = *refusal;
-    log.note = T("请求体不是合法的 JSON");
-  } else {
-    try {
-      const std::string clientTag = request.header("if-none-match");
-      std::optional<TtsReply> answer;
-      if (cachedOnly) {
-        answer = service_->answerFromCache(tts, bareTag(clientTag));
-        if (!answer) return std::nullopt;
-      } else {
-        answer = service_->answer(tts, bareTag(clientTag));
-      }
-      TtsReply& reply = *answer;
-      const TtsResult& result = reply.result;
-      if (!result.fromCache) metrics_.observeSynthesis(result.engine, static_cast<double>(result.synthMs) / 1000.0);
-      log.voice = result.voiceId;
-      log.audioMs = result.durationMs;
-      log.cacheHit = result.fromCache;
-      if (reply.notModified) {
-        response.status = 304;
-        response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
-      } else {
-        response.headers = {{"Content-Type", "audio/wav"},
-                            {"ETag", result.etag},
-                            {"X-KELVO-Result", "ok"},
-                            {"X-KELVO-Engine", result.engine},
-                            {"X-KELVO-Voice", result.voiceId},
-                            {"X-KELVO-Sample-Rate", std::to_string(result.sampleRate)},
-                            {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
-                            {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
-                            {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
-        response.body = std::move(reply.result.wav);
-        response.bodyFile = std::move(reply.file);
-      }
-    } catch (const TtsError& e) {
-      response = errorFor(e);
-      log.note = e.message;
-    } catch (const std::exception& e) {
-      response = HttpResponse::error(500, "internal", e.what());
-      log.note = e.what();
+  try {
+    const std::string clientTag = request.header("if-none-match");
+    std::optional<TtsReply> answer;
+    if (cachedOnly) {
+      answer = service_->answerFromCache(tts, bareTag(clientTag), format);
+      if (!answer) return std::nullopt;
+    } else {
+      answer = service_->answer(tts, bareTag(clientTag), format);
     }
+    TtsReply& reply = *answer;
+    const TtsResult& result = reply.result;
+    if (!result.fromCache) metrics_.observeSynthesis(result.engine, static_cast<double>(result.synthMs) / 1000.0);
+    log.voice = result.voiceId;
+    log.audioMs = result.durationMs;
+    log.cacheHit = result.fromCache;
+    if (reply.notModified) {
+      response.status = 304;
+      response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
+    } else {
+      response.headers = {{"Content-Type", std::string(contentType(result.format))},
+                          {"ETag", result.etag},
+                          {"X-KELVO-Result", "ok"},
+                          {"X-KELVO-Engine", result.engine},
+                          {"X-KELVO-Voice", result.voiceId},
+                          {"X-KELVO-Sample-Rate", std::to_string(deliveredSampleRate(result.format, result.sampleRate))},
+                          {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
+                          {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
+                          {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
+      response.body = std::move(reply.result.wav);
+      response.bodyFile = std::move(reply.file);
+    }
+  } catch (const TtsError& e) {
+    response = errorFor(e);
+    log.note = e.message;
+  } catch (const std::exception& e) {
+    response = HttpResponse::error(500, "internal", e.what());
+    log.note = e.what();
   }
   log.status = response.status;
   log.elapsedMs = millisSince(started);

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "KELVOCore/ApiKeys.h"
+#include "KELVOCore/AudioFormat.h"
 #include "KELVOCore/HttpServer.h"
 #include "KELVOCore/HubStore.h"
 #include "KELVOCore/Json.h"
@@ -85,7 +86,8 @@ class TtsHttpService {
   // The answer to one request. Never throws.
   HttpResponse dispatch(const HttpRequest& request);
   // The same answer for what never waits: health, and without a rate limit a
-  // /v1/tts line that is a plain cache hit. nullopt for everything else.
+  // /v1/tts or /v1/audio/speech line that is a plain cache hit (in WAV or a
+  // stored variant). nullopt for everything else.
   std::optional<HttpResponse> quickDispatch(const HttpRequest& request);
 
  private:
@@ -113,9 +115,18 @@ class TtsHttpService {
   bool lockedOut(const std::string& peer);
 
   HttpResponse health();
-  HttpResponse synthesis(const HttpRequest& request);
   // With `cachedOnly`, nullopt unless the answer is a plain cache hit (nothing logged then).
   std::optional<HttpResponse> synthesis(const HttpRequest& request, bool cachedOnly);
+  // One line spoken and answered in `format`: 200 with the audio and the
+  // X-KELVO- headers, 304 when the client holds its tag, or the native error;
+  // logged as one RequestLog entry under `route`. `cachedOnly` as above.
+  std::optional<HttpResponse> speak(const HttpRequest& request, const TtsRequest& tts, AudioFormat format,
+                                    std::string_view route, bool cachedOnly);
+  // Logs a synthesis request refused before the pipeline; returns `refusal`.
+  static HttpResponse refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal);
+  // The OpenAI-compatible routes (HttpOpenAi.h); `cachedOnly` as above.
+  std::optional<HttpResponse> speech(const HttpRequest& request, bool cachedOnly);
+  HttpResponse models();
   HttpResponse prewarm(const HttpRequest& request);
   HttpResponse cancelPrewarm();
   HttpResponse stats();

@@ -295,6 +295,15 @@ void addHttpApi(std::unordered_map<std::string, JaEn>& t) {
   t["%lld 条,%lld 字节"] = {"%lld 件、%lld バイト", "%lld lines, %lld bytes"};
 }
 
+void addAudioOut(std::unordered_map<std::string, JaEn>& t) {
+  // Compressed audio and the OpenAI-compatible speech route.
+  t["没有这种音频格式:%s。可用的格式:%s"] = {"その音声形式はありません: %s。使える形式: %s",
+                                       "no audio format \"%s\"; the formats are %s"};
+  t["speed 必须在 %.2f 到 %.1f 之间"] = {"speed は %.2f から %.1f の間で指定してください",
+                                    "speed must be between %.2f and %.1f"};
+  t["无法把音频编码为 %s"] = {"音声を %s にエンコードできませんでした", "could not encode the audio as %s"};
+}
+
 void addCommandLine(std::unordered_map<std::string, JaEn>& t) {
   // What the `kelvo` operator commands print.
   t["服务返回了 %d"] = {"サービスが %d を返しました", "the service answered %d"};
@@ -569,6 +578,7 @@ const std::unordered_map<std::string, JaEn>& i18nTable() {
     addEngine(t);
     addService(t);
     addHttpApi(t);
+    addAudioOut(t);
     addCommandLine(t);
     addDataRoot(t);
     addOnline(t);

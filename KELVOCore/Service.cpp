@@ -142,8 +142,8 @@ TtsService::~TtsService() {
 
 // ---- The pipeline --------------------------------------------------------------------------
 
-TtsResult TtsService::synthesize(TtsRequest request) {
-  TtsReply reply = answer(std::move(request), {});
+TtsResult TtsService::synthesize(TtsRequest request, AudioFormat format) {
+  TtsReply reply = answer(std::move(request), {}, format);
   if (reply.file) {
     std::optional<Bytes> wav = reply.file->readAll();
     // Only a hand can shorten a clip that is open; the caller gets an error, never half a line.
@@ -153,12 +153,12 @@ TtsResult TtsService::synthesize(TtsRequest request) {
   return std::move(reply.result);
 }
 
-TtsReply TtsService::answer(TtsRequest request, std::string_view clientTag) {
+TtsReply TtsService::answer(TtsRequest request, std::string_view clientTag, AudioFormat format) {
   checkText(request);
   const VoiceInfo voice = requireVoice(request);
   if (request.style.empty()) request.style = voice.style;
   const Plan route = plan(request, voice);
-  if (auto reply = fromCache(request, route, clientTag)) return std::move(*reply);
+  if (auto reply = fromCache(request, route, clientTag, format)) return std::move(*reply);
   // An unloaded model turns the service into a cache-only server on purpose.
   if (s2().currentState() == S2EngineState::unloaded) {
     countRequest(true);
@@ -167,10 +167,13 @@ TtsReply TtsService::answer(TtsRequest request, std::string_view clientTag) {
   }
   TtsReply reply;
   reply.result = synthesizeFresh(request, voice, route);
+  const bool retimed = !route.nativeSpeed && needsRetiming(request.speed);
+  deliverAs(reply.result, format, retimed ? std::string() : route.key);
   return reply;
 }
 
-std::optional<TtsReply> TtsService::answerFromCache(TtsRequest request, std::string_view clientTag) {
+std::optional<TtsReply> TtsService::answerFromCache(TtsRequest request, std::string_view clientTag,
+                                                    AudioFormat format) {
   std::optional<VoiceInfo> voice;
   try {
     checkText(request);
@@ -183,7 +186,10 @@ std::optional<TtsReply> TtsService::answerFromCache(TtsRequest request, std::str
   const Plan route = plan(request, *voice);
   // Retiming is real work; a line not cached at all is counted by the full path.
   if ((!route.nativeSpeed && needsRetiming(request.speed)) || !cache().contains(route.key)) return std::nullopt;
-  return fromCache(request, route, clientTag);
+  // So is encoding: only a stored variant (or the client's copy of it) is answered here.
+  const std::string tag = variantTag(route.key, format);
+  if (format != AudioFormat::wav && clientTag != tag && !cache().hasVariant(route.key, tag)) return std::nullopt;
+  return fromCache(request, route, clientTag, format);
 }
 
 void TtsService::checkText(TtsRequest& request) const {
@@ -198,30 +204,50 @@ void TtsService::checkText(TtsRequest& request) const {
 }
 
 std::optional<TtsReply> TtsService::fromCache(const TtsRequest& request, const Plan& route,
-                                              std::string_view clientTag) {
+                                              std::string_view clientTag, AudioFormat format) {
   const bool retime = !route.nativeSpeed && needsRetiming(request.speed);
   // The tag the answer will carry is known before the clip is touched.
-  const bool tagMatches = !clientTag.empty() && clientTag == (retime ? route.etag : route.key);
-  std::optional<CacheHit> hit = cache().lookup(route.key, !tagMatches);
+  const std::string tag = variantTag(retime ? route.etag : route.key, format);
+  const bool tagMatches = !clientTag.empty() && clientTag == tag;
+  std::optional<CacheHit> hit;
+  if (format != AudioFormat::wav && !retime && !tagMatches) hit = cache().lookupVariant(route.key, tag);
+  const bool variantHit = hit.has_value();
+  if (!hit) hit = cache().lookup(route.key, !tagMatches);
   if (!hit) return std::nullopt;
   TtsReply reply;
   reply.result = std::move(hit->result);
   countRequest(false);
   if (tagMatches) {
-    reply.result.etag = std::string(clientTag);
+    reply.result.etag = tag;
+    reply.result.format = format;
     reply.notModified = true;
-  } else if (!retime && hit->file.isOpen()) {
+  } else if (variantHit || (!retime && format == AudioFormat::wav && hit->file.isOpen())) {
+    reply.result.etag = tag;
+    reply.result.format = format;
     reply.file = std::make_shared<const OpenFile>(std::move(hit->file));
   } else {
-    // A retimed hit reads the 1.0 clip (a line still on its way to the disk is in memory).
+    // A retimed or newly encoded hit reads the 1.0 clip (a line still on its way
+    // to the disk is in memory).
     if (hit->file.isOpen()) {
       std::optional<Bytes> wav = hit->file.readAll();
       if (!wav) throw TtsError(TtsErrorCode::engineFailed, T("缓存文件读不出来"));
       reply.result.wav = std::move(*wav);
     }
     if (retime && retimeFromCache(reply.result, request.speed)) reply.result.etag = route.etag;
+    deliverAs(reply.result, format, retime ? std::string() : route.key);
   }
   return reply;
+}
+
+void TtsService::deliverAs(TtsResult& result, AudioFormat format, const std::string& variantOwner) const {
+  if (format == AudioFormat::wav) return;
+  const std::optional<PcmBuffer> pcm = parseWav(result.wav);
+  std::optional<Bytes> encoded = pcm ? encodeAudio(format, *pcm) : std::nullopt;
+  if (!encoded) throw TtsError(TtsErrorCode::engineFailed, TF("无法把音频编码为 %s", std::string(code(format))));
+  result.wav = std::move(*encoded);
+  result.format = format;
+  result.etag = variantTag(result.etag, format);
+  if (!variantOwner.empty()) cache().putVariant(variantOwner, result.etag, result.wav);
 }
 
 VoiceInfo TtsService::requireVoice(const TtsRequest& request) {

@@ -29,6 +29,7 @@
 #include <utility>
 #include <vector>
 
+#include "KELVOCore/AudioFormat.h"
 #include "KELVOCore/Cache.h"
 #include "KELVOCore/Config.h"
 #include "KELVOCore/EngineS2Local.h"
@@ -108,16 +109,23 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // for audio retimed here (speed more than 0.01 from 1 without native speed),
   // which carries the tag of its own speed. Throws TtsError; errors of the voice
   // resolver and the queue pass unchanged.
-  TtsResult synthesize(TtsRequest request);
+  // In another `format` than WAV, `wav` holds the encoded audio and `etag` its
+  // variantTag. The encoding is stored beside the cached line and served from
+  // there next time, so a repeat costs no encoding; retimed audio is encoded
+  // afresh each time (it is made afresh each time anyway).
+  TtsResult synthesize(TtsRequest request, AudioFormat format = AudioFormat::wav);
   // The same for a client that may hold a tag already (`clientTag`, bare, ""
   // for none): a hit whose tag matches is answered from the index alone, a 1.0x
-  // hit hands out its open clip instead of its bytes, and a fresh line is
-  // stored in the background after the answer is made. Throws TtsError.
-  TtsReply answer(TtsRequest request, std::string_view clientTag);
-  // The same answer when it is a plain cache hit that needs no retiming and no
-  // new voice; nullopt otherwise (a miss is not counted: answer() follows).
-  // Never waits for the engine, so an I/O thread may call it.
-  std::optional<TtsReply> answerFromCache(TtsRequest request, std::string_view clientTag);
+  // hit hands out its open clip (or its stored variant) instead of its bytes,
+  // and a fresh line is stored in the background after the answer is made.
+  // Throws TtsError.
+  TtsReply answer(TtsRequest request, std::string_view clientTag, AudioFormat format = AudioFormat::wav);
+  // The same answer when it is a plain cache hit that needs no retiming, no
+  // encoding and no new voice; nullopt otherwise (a miss is not counted:
+  // answer() follows). Never waits for the engine or an encoder, so an I/O
+  // thread may call it.
+  std::optional<TtsReply> answerFromCache(TtsRequest request, std::string_view clientTag,
+                                          AudioFormat format = AudioFormat::wav);
   // The placeholder while the real engine is missing, else the real engine.
   std::shared_ptr<TtsEngine> activeEngine();
   // (key, etag): the cache entry and the client-visible tag; equal with native speed.
@@ -183,11 +191,16 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   // REQUIRES: `request` is normalised and carries the voice's style.
   Plan plan(const TtsRequest& request, const VoiceInfo& voice);
   // The answer from the cache, counted; nullopt on a miss.
-  std::optional<TtsReply> fromCache(const TtsRequest& request, const Plan& route, std::string_view clientTag);
+  std::optional<TtsReply> fromCache(const TtsRequest& request, const Plan& route, std::string_view clientTag,
+                                    AudioFormat format);
   std::pair<std::string, std::string> keysFor(const TtsRequest& request, const VoiceInfo& voice,
                                               const std::string& engineName, TtsSpeedMode mode,
                                               std::int64_t targetRate, bool nativeSpeed) const;
   TtsResult synthesizeFresh(const TtsRequest& request, const VoiceInfo& voice, const Plan& plan);
+  // Encodes `result` (a WAV) into `format` in place and, with a `variantOwner`
+  // key, stores the encoding beside that entry. Throws TtsError(engineFailed)
+  // when the audio cannot be encoded.
+  void deliverAs(TtsResult& result, AudioFormat format, const std::string& variantOwner) const;
   void countRequest(bool failed);
 
   Parts parts_;

@@ -64,6 +64,9 @@ std::string display(ComputeBackend b);
 
 enum class VoiceKind : int { cloned = 0, profile = 1 };
 
+// The forms a line is delivered in (names, types and encoders: AudioFormat.h).
+enum class AudioFormat : int { wav, mp3, opus, flac, pcm };
+
 // ---- Errors -------------------------------------------------------------------
 
 enum class TtsErrorCode : int {
@@ -120,7 +123,7 @@ struct TtsRequest {
 };
 
 struct TtsResult {
-  Bytes wav;
+  Bytes wav;  // the audio in `format`: the WAV itself unless a client asked for another format
   std::int64_t sampleRate = 0;
   std::int64_t channels = 0;
   std::int64_t durationMs = 0;
@@ -130,8 +133,9 @@ struct TtsResult {
   TtsGender gender = TtsGender::automatic;
   float speed = 1.0f;
   std::string engine;
-  std::string etag;
+  std::string etag;  // for another format than WAV, the tag of that variant (AudioFormat.h: variantTag)
   bool fromCache = false;
+  AudioFormat format = AudioFormat::wav;
   bool isEmpty() const { return wav.empty(); }
 };
 

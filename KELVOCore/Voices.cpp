@@ -270,9 +270,10 @@ std::optional<VoiceInfo> VoiceLibrary::find(std::string_view id) const {
 }
 
 std::optional<VoiceInfo> VoiceLibrary::findByDisplay(std::string_view name) const {
+  const std::string wanted = toLower(name);
   std::lock_guard guard(lock_);
   for (const auto& voice : items_) {
-    if (voice.display == name) return voice;
+    if (toLower(voice.display) == wanted) return voice;
   }
   return std::nullopt;
 }

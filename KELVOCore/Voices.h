@@ -65,7 +65,7 @@ class VoiceLibrary {
   std::vector<VoiceInfo> all() const;
   std::int64_t count() const;
   std::optional<VoiceInfo> find(std::string_view id) const;  // ignoring case
-  std::optional<VoiceInfo> findByDisplay(std::string_view name) const;
+  std::optional<VoiceInfo> findByDisplay(std::string_view name) const;  // ignoring case
   std::vector<VoiceInfo> forLanguage(std::string_view language) const;  // by normalised code
   // Replaces the stored voice with the same id and saves; unknown ids are ignored.
   // Clip entries whose file name is not a plain file name are dropped.

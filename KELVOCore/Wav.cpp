@@ -266,6 +266,15 @@ Bytes buildWav(const PcmBuffer& pcm, std::int64_t channels) {
   return out;
 }
 
+std::vector<std::int16_t> pcm16Samples(const PcmBuffer& pcm) {
+  std::vector<std::int16_t> out(pcm.data.size());
+  std::transform(pcm.data.begin(), pcm.data.end(), out.begin(), [](float s) {
+    const float scaled = std::isnan(s) ? 0.0f : std::clamp(s * 32768.0f, -32768.0f, 32767.0f);
+    return static_cast<std::int16_t>(std::lrint(scaled));
+  });
+  return out;
+}
+
 std::optional<Bytes> loadFileBytes(const std::string& path) { return readFile(path); }
 
 std::error_code saveFileBytes(const std::string& path, std::span<const std::uint8_t> bytes) {

@@ -16,6 +16,7 @@
 #include <span>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "KELVOCore/Types.h"
 
@@ -63,6 +64,11 @@ std::optional<WavHeaderInfo> inspectWavHeader(std::span<const std::uint8_t> head
 // REQUIRES: no NaN sample; channels < 65536; the sizes fit the 32-bit fields.
 //           Violations are programming errors and abort the process.
 Bytes buildWav(const PcmBuffer& pcm, std::int64_t channels);
+
+// The samples as 16-bit integers for encoders: round(sample × 32768) clamped
+// to the 16-bit range (NaN as 0). That is the exact inverse of parsing a
+// 16-bit WAV, so audio read from a stored line is encoded sample for sample.
+std::vector<std::int16_t> pcm16Samples(const PcmBuffer& pcm);
 
 // The whole file, or absent when it cannot be read.
 std::optional<Bytes> loadFileBytes(const std::string& path);

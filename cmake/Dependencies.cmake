@@ -28,3 +28,7 @@ if(KELVO_BENCH)
   # The reference time-stretcher the benchmarks compare against; nothing else links it.
   pkg_check_modules(SOUNDTOUCH REQUIRED IMPORTED_TARGET soundtouch)
 endif()
+# Compressed audio out: MP3, Ogg Opus and FLAC encoders, each used by one file.
+pkg_check_modules(LAME REQUIRED IMPORTED_TARGET lame)
+pkg_check_modules(OPUSENC REQUIRED IMPORTED_TARGET libopusenc)
+pkg_check_modules(FLAC REQUIRED IMPORTED_TARGET flac)

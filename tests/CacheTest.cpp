@@ -342,6 +342,47 @@ TEST(WavCacheTest, BackgroundStoresAreHitsFromTheFirstMoment) {
   EXPECT_EQ(reopened.readAudio("E"), line(300).wav);
 }
 
+// Encoded forms stored beside a line count in the size, come back after a
+// restart, and go with the line: evicted, cleared, or dropped when damaged.
+TEST(WavCacheTest, VariantsLiveAndDieWithTheirLine) {
+  TempDir dir;
+  const Bytes mp3(300, 0xAB);
+  {
+    WavCache cache(dir.path(), 2000);
+    cache.putLater("A", line(600), "a");
+    cache.putVariant("A", "A.mp3", mp3);  // waits for the line's own write
+    cache.putVariant("A", "A.opus", Bytes(200, 0xCD));
+    for (const auto& [key, name] : {std::pair{"ghost", "ghost.mp3"}, {"A", "../A.mp3"}, {"A", "A.wav"}}) {
+      cache.putVariant(key, name, mp3);  // no line, not a plain name, not an encoded form: nothing stored
+    }
+    EXPECT_FALSE(fs::exists(dir.path() + "ghost.mp3"));
+    EXPECT_EQ(cache.stats().bytes, 1100);
+    const auto hit = cache.lookupVariant("A", "A.mp3");
+    ASSERT_TRUE(hit);
+    EXPECT_EQ(hit->file.readAll(), mp3);
+    EXPECT_EQ(hit->result.voiceId, "v1");
+    EXPECT_FALSE(cache.lookupVariant("A", "A.flac"));
+  }
+  fs::remove(dir.path() + "A.opus");
+  WavCache cache(dir.path(), 2000);
+  EXPECT_EQ(cache.stats().bytes, 900);  // the variant whose file went is forgotten
+  EXPECT_TRUE(cache.hasVariant("A", "A.mp3"));
+  EXPECT_FALSE(cache.hasVariant("A", "A.opus"));
+  ASSERT_FALSE(writeFileAtomic(dir.path() + "A.mp3", Bytes(10, 0)));
+  EXPECT_FALSE(cache.lookupVariant("A", "A.mp3"));  // damaged: dropped, the line stays
+  EXPECT_EQ(std::make_tuple(cache.contains("A"), cache.hasVariant("A", "A.mp3"), cache.stats().bytes),
+            std::make_tuple(true, false, 600));
+  cache.putVariant("A", "A.mp3", mp3);
+  cache.put("B", line(600), "b");
+  cache.put("C", line(600), "c");  // 2100 bytes with A's variant: A, the least recent, goes whole
+  EXPECT_FALSE(cache.contains("A"));
+  EXPECT_FALSE(fs::exists(dir.path() + "A.mp3"));
+  EXPECT_EQ(cache.stats().bytes, 1200);
+  cache.putVariant("B", "B.flac", Bytes(500, 1));
+  cache.clear();
+  EXPECT_FALSE(fs::exists(dir.path() + "B.flac"));
+}
+
 // Whatever the budget, the file system keeps min(1 GiB, 5 %) free: the least
 // recently used lines go first, and a line that would not fit even then is not kept.
 TEST(WavCacheTest, KeepsTheDiskFloorFreeWhateverTheBudget) {

@@ -352,5 +352,77 @@ TEST_F(HttpRoutesTest, DocumentAndTableListTheSameOperations) {
   EXPECT_EQ(documented.size(), ops.size()) << "an operation listed twice";
 }
 
+// The OpenAI-compatible route reads the OpenAI body (and KELVO's extensions)
+// into the native pipeline and answers refusals in the OpenAI error shape.
+TEST_F(HttpRoutesTest, SpeechRouteSpeaksTheOpenAiDialect) {
+  const std::string id = cloneTone("Gate Anna");
+  service->config().setAirlineVoice("KVO", "", TtsGender::automatic, id);
+  std::string upperId = id;
+  for (char& c : upperId) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  struct Case {
+    std::string path, body;
+    std::int64_t status;
+    std::string contentTypeOrCode;  // content type of a 200, the error code otherwise
+    std::string param;              // the OpenAI "param" of a refusal ("" for null)
+  };
+  const std::vector<Case> cases = {
+      {"/v1/audio/speech", R"({"model":"tts-1","input":"Boarding","voice":"GATE ANNA"})", 200, "audio/mpeg", ""},
+      {"/v1/audio/speech", R"({"input":"Boarding","voice":{"id":")" + upperId + R"("},"response_format":"FLAC"})",
+       200, "audio/flac", ""},
+      {"/v1/audio/speech", R"({"input":"Boarding","voice":" kvo ","language":"en","response_format":"opus"})", 200,
+       "audio/ogg", ""},
+      {"/v1/audio/speech", R"({"input":"Boarding","voice":"Gate Anna","speed":0.25,"response_format":"pcm"})", 200,
+       "audio/pcm", ""},
+      {"/v1/audio/speech", R"({"input":"Boarding","voice":"alloy"})", 404, "bad_voice", "voice"},
+      {"/v1/audio/speech", R"({"input":" ","voice":"Gate Anna"})", 400, "empty_text", "input"},
+      {"/v1/audio/speech", R"({"input":"Boarding","voice":"Gate Anna","speed":4.01})", 400, "bad_speed", "speed"},
+      {"/v1/audio/speech", R"({"input":"Boarding","response_format":"aac"})", 400, "bad_format", "response_format"},
+      {"/v1/audio/speech", "[1]", 400, "bad_json", ""},
+      {"/v1/tts", R"({"text":"Boarding","voice":"GATE ANNA","format":"Opus"})", 404, "bad_voice", ""},
+      {"/v1/tts", R"({"text":"Boarding","voice":")" + id + R"(","format":"Opus"})", 200, "audio/ogg", ""},
+      {"/v1/tts", R"({"text":"Boarding","voice":")" + id + R"(","format":"aac"})", 400, "bad_format", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path + " " + c.body);
+    const HttpResponse r = call("POST", c.path, c.body);
+    EXPECT_EQ(r.status, c.status);
+    if (r.status == 200) {
+      EXPECT_EQ(r.headers.at("Content-Type"), c.contentTypeOrCode);
+      EXPECT_EQ(r.headers.at("X-KELVO-Voice"), id);
+      EXPECT_GT(r.bodyFile ? r.bodyFile->size() : r.body.size(), 1000u);  // a stored variant goes out as its file
+    } else if (c.path == "/v1/tts") {
+      EXPECT_EQ(jStr(body(r), "error"), c.contentTypeOrCode);
+    } else {
+      const Json error = body(r)["error"];
+      EXPECT_EQ(jStr(error, "code"), c.contentTypeOrCode);
+      EXPECT_EQ(error["param"], c.param.empty() ? Json() : Json(c.param));
+      EXPECT_EQ(jStr(error, "type"), "invalid_request_error");
+      EXPECT_FALSE(jStr(error, "message").empty());
+    }
+  }
+  EXPECT_EQ(jStr(body(call("POST", "/v1/audio/speech", R"({"input":"x","response_format":"aac"})"))["error"], "message"),
+            "no audio format \"aac\"; the formats are mp3, opus, flac, wav, pcm");
+
+  // "instructions" is the style: the same line and tag as "style", another than none.
+  const auto tagOf = [&](const std::string& extra) {
+    return call("POST", "/v1/audio/speech", R"({"input":"Gate C3","voice":"Gate Anna")" + extra + "}").headers["ETag"];
+  };
+  EXPECT_EQ(tagOf(R"(,"instructions":"calm")"), tagOf(R"(,"style":"calm")"));
+  EXPECT_NE(tagOf(R"(,"instructions":"calm")"), tagOf(""));
+
+  const Json models = body(call("GET", "/v1/models"));
+  EXPECT_EQ(jStr(models, "object"), "list");
+  EXPECT_EQ(models["data"][1]["id"], "tts-1");
+  EXPECT_EQ(jStr(body(call("DELETE", "/v1/models"))["error"], "code"), "method_not_allowed");
+
+  // The rate limit answers the OpenAI routes in their shape, Retry-After kept.
+  service->config().setRateLimitPerMinute(1);
+  call("GET", "/v1/models");
+  const HttpResponse limited = call("POST", "/v1/audio/speech", R"({"input":"x"})");
+  EXPECT_EQ(limited.status, 429);
+  EXPECT_EQ(limited.headers.at("Retry-After"), "60");
+  EXPECT_EQ(jStr(body(limited)["error"], "type"), "rate_limit_error");
+}
+
 }  // namespace
 }  // namespace kelvo
