@@ -56,6 +56,10 @@ class ApiTest(unittest.TestCase):
             self.assertEqual(status, 200)
             self.assertEqual(req("POST", "/v1/tts", LINE, {"If-None-Match": headers["ETag"]})[0], 304)
             self.assertEqual(req("GET", "/v1/tts?text=Gate+4&language=en")[0], 200)
+            status, headers, _ = req("POST", "/v1/audio/speech", {"input": "Gate 4", "language": "en"})
+            self.assertEqual((status, headers["Content-Type"]), (200, "audio/mpeg"))
+            self.assertEqual(js("POST", "/v1/audio/speech", {"input": " "})[1]["error"]["code"], "empty_text")
+            self.assertIn("tts-1", [m["id"] for m in js("GET", "/v1/models")[1]["data"]])
             for body, code in (([1], "bad_json"), ({"text": " "}, "empty_text"), ({"text": "hi", "voice": "nobody"}, "bad_voice"),
                                ({"text": "x" * 5001}, "text_too_long")):
                 self.assertEqual(js("POST", "/v1/tts", body)[1]["error"], code)
