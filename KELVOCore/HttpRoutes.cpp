@@ -120,11 +120,16 @@ TtsHttpService::~TtsHttpService() { stop(); }
 void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional<std::int64_t> port) {
   stop();
   // A clone pack may be far larger than any other body, so the rows that take
-  // one have it received into a file beside the cache instead of into memory.
+  // one have it received into a file beside the cache instead of into memory;
+  // only for a caller whose key already allows the route, so nobody without
+  // one can fill the disk with uploads that end in a 401.
   HttpServer::Options options;
-  options.spoolsBody = [this](std::string_view method, std::string_view path) {
+  options.spoolsBody = [this](std::string_view method, std::string_view path, std::string_view authorization) {
     const RouteMatch match = routes_.match(std::string(method), std::string(path));
-    return match.route != nullptr && match.route->spoolsBody;
+    if (match.route == nullptr || !match.route->spoolsBody) return false;
+    if (match.route->scope == Scope::open || !keys_->enforced()) return true;
+    const std::optional<Scope> granted = keys_->check(bearerToken(std::string(authorization)));
+    return granted && (match.route->scope != Scope::admin || *granted == Scope::admin);
   };
   options.spoolBase = service_->cache().directory() + "pack-upload";
   std::string address = bindAddress.value_or(service_->config().bindAddress());

@@ -402,7 +402,10 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     const auto& head = parser_->get();
     const std::string_view target(head.target().data(), head.target().size());
     const std::string_view method(head.method_string().data(), head.method_string().size());
-    return server_.options.spoolsBody && server_.options.spoolsBody(method, target.substr(0, target.find('?')));
+    const auto authorization = head[boost::beast::http::field::authorization];
+    return server_.options.spoolsBody &&
+           server_.options.spoolsBody(method, target.substr(0, target.find('?')),
+                                      std::string_view(authorization.data(), authorization.size()));
   }
 
   std::uint64_t bodyLimit() const { return spooled_ ? maxSpooledBodyBytes : maxBodyBytes; }

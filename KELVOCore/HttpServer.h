@@ -118,10 +118,12 @@ class HttpServer {
     std::chrono::milliseconds receiveTimeout = std::chrono::seconds(receiveTimeoutSeconds);
     std::chrono::milliseconds idleTimeout = std::chrono::seconds(idleTimeoutSeconds);
     std::chrono::milliseconds firstByteTimeout = std::chrono::seconds(firstByteTimeoutSeconds);
-    // The requests whose body may reach maxSpooledBodyBytes, told by method
-    // and path (the target before "?", as received), and the file name their
-    // temporary files start with. Called on an I/O thread; must be cheap.
-    std::function<bool(std::string_view method, std::string_view path)> spoolsBody;
+    // The requests whose body may reach maxSpooledBodyBytes, told by method,
+    // path (the target before "?", as received) and the Authorization header,
+    // so that a caller who may not send one is held to maxBodyBytes before a
+    // byte reaches the disk; and the file name their temporary files start
+    // with. Called on an I/O thread once the head is parsed; must be cheap.
+    std::function<bool(std::string_view method, std::string_view path, std::string_view authorization)> spoolsBody;
     std::string spoolBase;
   };
 

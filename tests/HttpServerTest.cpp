@@ -255,7 +255,7 @@ TEST(HttpServerTest, ReceiveAndIdleTimeoutsSpareHandlers) {
   quick.receiveTimeout = 300ms;
   quick.idleTimeout = 400ms;
   quick.firstByteTimeout = 200ms;
-  quick.spoolsBody = [](std::string_view, std::string_view path) { return path == "/upload"; };
+  quick.spoolsBody = [](std::string_view, std::string_view path, std::string_view) { return path == "/upload"; };
   quick.spoolBase = dir.path() + "up";
   EchoServer s(quick);
   // A connection that never sends a byte is dropped first.
@@ -330,7 +330,7 @@ TEST(HttpServerTest, AtTheCapTheLongestWaitingConnectionMakesRoom) {
 TEST(HttpServerTest, NamedRequestsReceiveLargeBodiesIntoFiles) {
   setUiLang(UiLang::en);
   test::TempDir dir;
-  EchoServer s({.spoolsBody = [](std::string_view method, std::string_view path) { return method == "POST" && path == "/big"; },
+  EchoServer s({.spoolsBody = [](std::string_view method, std::string_view path, std::string_view) { return method == "POST" && path == "/big"; },
                 .spoolBase = dir.path() + "up/pack"});
   const auto spoolFiles = [&] {
     std::error_code ec;

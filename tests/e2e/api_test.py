@@ -5,6 +5,7 @@ command line working throughout, and /metrics read by Prometheus's own parser.""
 import base64
 import json
 import os
+import socket
 import stat
 import subprocess
 import sys
@@ -180,6 +181,15 @@ class ApiTest(unittest.TestCase):
             self.assertEqual(sorted(listed), ["kiosk", "ops"])
             self.assertEqual(listed["ops"]["scope"], "admin")
             self.assertTrue(listed["kiosk"]["last_used"] and listed["kiosk"]["created"])
+
+            # A pack upload goes to a file only for a caller whose key may import; anyone
+            # else is held to the ordinary body limit, refused before a byte is stored.
+            for key in (None, speak):
+                auth = f"Authorization: Bearer {key}\r\n" if key else ""
+                with socket.create_connection(("127.0.0.1", port), timeout=10) as s:
+                    s.sendall(f"POST /v1/packs/import HTTP/1.1\r\nHost: x\r\n{auth}"
+                              f"Content-Length: {100 << 20}\r\n\r\n".encode())
+                    self.assertTrue(s.recv(4096).startswith(b"HTTP/1.1 413"), key)
 
             # Wrong keys count against the caller: six so far, the tenth is the last one answered.
             wrong = {"Authorization": "Bearer kelvo_guess"}
