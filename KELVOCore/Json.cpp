@@ -132,7 +132,12 @@ std::vector<std::string> jStrings(const Json& obj, std::string_view key) {
 std::vector<std::pair<std::string, std::string>> stringMembersInTextOrder(std::span<const std::uint8_t> bytes,
                                                                           std::string_view key) {
   std::vector<std::pair<std::string, std::string>> out;
-  const auto root = nlohmann::ordered_json::parse(bytes.begin(), bytes.end(), nullptr, /*allow_exceptions=*/false);
+  // Only the top two levels are kept: nothing deeper is read here, and an
+  // ordered object copies its members when it grows, which for a deeply
+  // nested value would be a copy by recursion deep enough to end the stack.
+  const nlohmann::ordered_json::parser_callback_t shallow = [](int depth, nlohmann::ordered_json::parse_event_t,
+                                                               nlohmann::ordered_json&) { return depth <= 2; };
+  const auto root = nlohmann::ordered_json::parse(bytes.begin(), bytes.end(), shallow, /*allow_exceptions=*/false);
   if (!root.is_object()) return out;
   const auto section = root.find(key);
   if (section == root.end() || !section->is_object()) return out;
