@@ -17,10 +17,9 @@ import unittest
 
 os.environ.setdefault("KELVO_BIN", sys.argv.pop(1))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from serve_test import KELVO, Server, free_port, tone_wav  # noqa: E402
+from serve_test import KELVO, Server, free_port, install_engine_double, tone_wav  # noqa: E402
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-DOUBLE = os.path.join(ROOT, "tools", "s2_double.py")
 COMPLETION = os.path.join(ROOT, "KELVOServer", "completion", "kelvo.bash")
 MANUAL = os.path.join(ROOT, "KELVOServer", "man", "kelvo.1.scd")
 
@@ -29,12 +28,7 @@ class OperatorTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.home = tempfile.mkdtemp(prefix="kelvo-ops-")
-        os.makedirs(os.path.join(cls.home, "engine"))
-        os.makedirs(os.path.join(cls.home, "models"))
-        shutil.copy(DOUBLE, os.path.join(cls.home, "engine", "s2"))
-        os.chmod(os.path.join(cls.home, "engine", "s2"), 0o755)
-        with open(os.path.join(cls.home, "models", "x.gguf"), "w") as f:
-            f.write("gguf")
+        install_engine_double(cls.home)
         # 150 ms a line: long enough to catch a pre-bake in the middle.
         os.environ["S2_DOUBLE_SYNTH_MS"] = "150"
         try:

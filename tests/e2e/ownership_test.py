@@ -14,9 +14,8 @@ import time
 import unittest
 
 import serve_test
-from serve_test import KELVO, Server, free_port
+from serve_test import KELVO, Server, free_port, install_engine_double
 
-DOUBLE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "s2_double.py")
 
 
 def dead_pid():
@@ -115,12 +114,7 @@ class OwnershipTest(unittest.TestCase):
         self.assertEqual(left, [os.path.basename(kept)])
 
     def test_first_requests_for_a_new_language_share_one_default_voice(self):
-        os.makedirs(os.path.join(self.home, "engine"))
-        os.makedirs(os.path.join(self.home, "models"))
-        shutil.copy(DOUBLE, os.path.join(self.home, "engine", "s2"))
-        os.chmod(os.path.join(self.home, "engine", "s2"), 0o755)
-        with open(os.path.join(self.home, "models", "x.gguf"), "w") as f:
-            f.write("gguf")
+        install_engine_double(self.home)
         srv = Server(self.home, free_port(), env={"S2_DOUBLE_SYNTH_MS": "700", "KELVO_ENGINE_DIR": None})
         try:
             # The engine takes the first free port from 17151 on, which other services on this machine share.

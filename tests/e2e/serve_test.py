@@ -6,6 +6,7 @@ import io
 import json
 import os
 import signal
+import shutil
 import socket
 import subprocess
 import sys
@@ -26,6 +27,17 @@ def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
         return s.getsockname()[1]
+
+
+def install_engine_double(home):
+    """Puts the s2 protocol double and a stand-in model where `home`'s engine looks for them."""
+    os.makedirs(os.path.join(home, "engine"))
+    os.makedirs(os.path.join(home, "models"))
+    double = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "s2_double.py")
+    shutil.copy(double, os.path.join(home, "engine", "s2"))
+    os.chmod(os.path.join(home, "engine", "s2"), 0o755)
+    with open(os.path.join(home, "models", "x.gguf"), "w") as f:
+        f.write("gguf")
 
 
 def tone_wav(seconds=5, rate=16000):
@@ -255,14 +267,7 @@ class EngineTest(unittest.TestCase):
 
     def setUp(self):
         self.home = tempfile.mkdtemp(prefix="kelvo-engine-")
-        os.makedirs(os.path.join(self.home, "engine"))
-        os.makedirs(os.path.join(self.home, "models"))
-        double = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "s2_double.py")
-        with open(double, "rb") as f, open(os.path.join(self.home, "engine", "s2"), "wb") as out:
-            out.write(f.read())
-        os.chmod(os.path.join(self.home, "engine", "s2"), 0o755)
-        with open(os.path.join(self.home, "models", "x.gguf"), "w") as f:
-            f.write("gguf")
+        install_engine_double(self.home)
 
     def tearDown(self):
         subprocess.run(["rm", "-rf", self.home], check=False)
