@@ -8,7 +8,6 @@
 
 #include "KELVOCore/ClonePack.h"
 #include "KELVOCore/Files.h"
-#include "KELVOCore/Wav.h"
 #include "KELVOCore/Zip.h"
 #include "tests/TestSupport.h"
 #include "tests/ZipCraft.h"
@@ -20,13 +19,7 @@ namespace fs = std::filesystem;
 using test::bytesOf;
 using test::zipOf;
 
-// Six seconds of a constant level: clips told apart by content, quick to decode.
-Bytes clip(float level) {
-  PcmBuffer pcm;
-  pcm.sampleRate = 8000;
-  pcm.data.assign(48000, level);
-  return buildWav(pcm, 1);
-}
+Bytes clip(float level) { return test::levelWav(6000, level, 8000); }
 
 // One installation in a folder of its own: the data root is "root/" inside it,
 // so anything a pack manages to write beside the root shows up in files().

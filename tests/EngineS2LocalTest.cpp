@@ -26,18 +26,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
+using test::eventually;
 using Env = std::vector<std::pair<std::string, std::string>>;
-
-template <typename Pred>
-bool eventually(Pred pred, std::chrono::milliseconds limit = 20s) {
-  const auto giveUp = Clock::now() + limit;
-  while (!pred()) {
-    if (Clock::now() > giveUp) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
 
 // A loopback listener that never accepts: enough to make a port answer.
 class Listener {

@@ -5,12 +5,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <filesystem>
 
 #include "KELVOCore/Files.h"
 #include "KELVOCore/Multipart.h"
-#include "KELVOCore/Wav.h"
 #include "KELVOCore/Zip.h"
 #include "tests/Doubles.h"
 #include "tests/TestSupport.h"
@@ -156,9 +154,7 @@ class HubClientTest : public ::testing::Test {
 
   // A voice bound to CCA, as an operator would share it.
   std::string addVoice() {
-    PcmBuffer pcm{std::vector<float>(32000), 16000};
-    for (std::size_t i = 0; i < pcm.data.size(); ++i) pcm.data[i] = 0.3f * std::sin(0.05f * static_cast<float>(i));
-    VoiceCloneSpec spec{"Captain", "zh", TtsGender::male, {{buildWav(pcm, 1), "各位旅客"}}, "", ""};
+    VoiceCloneSpec spec{"Captain", "zh", TtsGender::male, {{test::levelWav(2000, 0.3f), "各位旅客"}}, "", ""};
     const std::string id = library.addClone(spec).id;
     config.setAirlineVoice("CCA", "zh", TtsGender::male, id);
     return id;

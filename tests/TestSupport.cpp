@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "KELVOCore/Files.h"
+#include "KELVOCore/Wav.h"
 
 namespace kelvo::test {
 
@@ -55,6 +56,13 @@ Bytes fixture(std::string_view name) {
   auto bytes = readFile(path);
   if (!bytes) ADD_FAILURE() << "cannot read " << path;
   return bytes ? std::move(*bytes) : Bytes{};
+}
+
+Bytes levelWav(std::int64_t ms, float level, std::int64_t rate) {
+  PcmBuffer pcm;
+  pcm.sampleRate = rate;
+  pcm.data.assign(static_cast<std::size_t>(rate * ms / 1000), level);
+  return buildWav(pcm, 1);
 }
 
 std::optional<std::string> loggedLine(std::string_view source, LogLevel level, std::string_view prefix) {
