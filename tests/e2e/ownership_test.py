@@ -2,7 +2,7 @@
 """End-to-end: one `kelvo serve` owns its data root. A second one is refused,
 the command line finds the owner through the lock file, a default voice is
 made once however many first requests race for it, a kill -9 leaves nothing
-behind, and the configuration's interface language is the service's."""
+behind, and the configuration's interface language is the restarted service's."""
 import base64
 import concurrent.futures
 import json
@@ -76,7 +76,7 @@ class OwnershipTest(unittest.TestCase):
         self.assertIn(self.home, out)
         self.assertIn("not installed", self.kelvo("models", "rm", "q6_k", expect=1))
 
-    def test_a_crash_leaves_no_temporary_files(self):
+    def test_a_restart_after_a_crash_cleans_up_and_reads_its_configuration(self):
         srv = Server(self.home, free_port())
         clip = base64.b64encode(serve_test.tone_wav()).decode()
 
@@ -104,9 +104,13 @@ class OwnershipTest(unittest.TestCase):
         with open(kept, "wb") as f:
             f.write(b"busy")
 
+        # The restart also reads the interface language from the configuration, over LANGUAGE=en.
+        with open(os.path.join(self.home, "data", "config.json"), "w") as f:
+            json.dump({"server": {"uiLanguage": "ja"}}, f)
         srv = Server(self.home, free_port())  # the lock died with the killed service
         try:
-            self.assertEqual(srv.request("GET", "/v1/health")[0], 200)
+            status, answer = srv.json("POST", "/v1/tts", {"text": " "})
+            self.assertEqual((status, answer["message"]), (400, "合成するテキストがありません"))
         finally:
             self.assertEqual(srv.stop()[0], 0)
         left = [name for folder in ("clone", "temp", "data", "logs")
@@ -137,17 +141,6 @@ class OwnershipTest(unittest.TestCase):
             self.assertEqual(answers[1][1]["X-KELVO-Voice"], answers[0][1]["X-KELVO-Voice"])
         finally:
             self.assertEqual(srv.stop()[0], 0)
-
-    def test_the_configured_interface_language_is_the_services(self):
-        os.makedirs(os.path.join(self.home, "data"))
-        with open(os.path.join(self.home, "data", "config.json"), "w") as f:
-            json.dump({"server": {"uiLanguage": "ja"}}, f)
-        srv = Server(self.home, free_port())  # LANGUAGE=en in its environment
-        try:
-            status, answer = srv.json("POST", "/v1/tts", {"text": " "})
-            self.assertEqual((status, answer["message"]), (400, "合成するテキストがありません"))
-        finally:
-            srv.stop()
 
 
 if __name__ == "__main__":
