@@ -27,10 +27,7 @@ Bytes makePack(std::string_view format, int voices, std::size_t clipBytes = 100)
     const std::string file = formatText("v%d-0.wav", v);
     list.push_back({{"id", formatText("v%d", v)},
                     {"clips", Json::array({{{"file", file}, {"text", "hi"}}, {{"file", "gone.wav"}, {"text", "x"}}})}});
-    Bytes clip(clipBytes);
-    std::uint32_t x = 7u + static_cast<std::uint32_t>(v);
-    for (auto& b : clip) b = static_cast<std::uint8_t>((x = x * 1664525u + 1013904223u) >> 24);
-    EXPECT_TRUE(zip.add({"audio/" + file, std::move(clip)}));
+    EXPECT_TRUE(zip.add({"audio/" + file, test::noise(clipBytes, 7u + static_cast<unsigned>(v))}));
   }
   EXPECT_TRUE(zip.add({"cln.json", jsonData(Json{{"format", format}, {"version", 1}, {"voices", list}}, false)}));
   return zip.finish();

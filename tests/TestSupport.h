@@ -62,6 +62,10 @@ void writeTextFile(const std::string& path, std::string_view text);
 std::string readTextFile(const std::string& path);
 // The bytes of tests/fixtures/`name`; fails the test when it cannot be read.
 Bytes fixture(std::string_view name);
+// `count` samples of a sine at `hz`, at `rate`.
+PcmBuffer sine(std::int64_t rate, double hz, std::size_t count, float amplitude = 0.5f);
+// `n` pseudo-random bytes, the same for the same `seed`: data deflate cannot shrink.
+Bytes noise(std::size_t n, unsigned seed);
 // A mono 16-bit WAV of `ms` milliseconds holding the constant `level`: clips
 // told apart by content and recognised after a merge, quick to decode.
 Bytes levelWav(std::int64_t ms, float level = 0.25f, std::int64_t rate = 16000);
