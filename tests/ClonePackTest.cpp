@@ -117,12 +117,8 @@ TEST_F(ClonePackTest, VoicesOnlyPacksSummariesAndFingerprints) {
                                        {"summary", in.describe()}}));
   EXPECT_EQ((PackSummary{3, 2, 1, 4, 5, 1572864, {}}).describe(),
             "3 voice(s) (2 new, 1 reused) · 5 clip(s) · 4 binding(s) · 1.5 MB");
-  try {
-    exportVoicePack(a.dir.path() + "x.cln", {ben.id, "v-unknown"}, a.library);
-    ADD_FAILURE() << "an unknown voice was packed";
-  } catch (const TtsError& e) {
-    EXPECT_EQ(e.code, TtsErrorCode::notFound);
-  }
+  EXPECT_EQ(test::thrown([&] { exportVoicePack(a.dir.path() + "x.cln", {ben.id, "v-unknown"}, a.library); }).code,
+            TtsErrorCode::notFound);
   EXPECT_FALSE(fs::exists(a.dir.path() + "x.cln"));
 
   a.config.setAirlineVoice("UAL", "en", TtsGender::female, ben.id);
@@ -173,13 +169,9 @@ TEST_F(ClonePackTest, RefusesWholePacksBeforeTouchingAnything) {
     ASSERT_FALSE(writeFileAtomic(file, bytes));
     for (const auto& import : {std::function([&] { importPack(bytes, b.library, b.config); }),
                                std::function([&] { importPack(file, b.library, b.config); })}) {
-      try {
-        import();
-        ADD_FAILURE() << "accepted: " << message;
-      } catch (const TtsError& e) {
-        EXPECT_EQ(e.code, TtsErrorCode::badPack);
-        EXPECT_EQ(e.message, message);
-      }
+      const TtsError e = test::thrown(import);
+      EXPECT_EQ(e.code, TtsErrorCode::badPack) << message;
+      EXPECT_EQ(e.message, message);
     }
   }
   EXPECT_EQ(b.library.count(), 0);

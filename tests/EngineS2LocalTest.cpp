@@ -236,13 +236,9 @@ TEST(S2Discovery, FindsFilesAndNamesWhatIsMissing) {
     EXPECT_EQ(engine.detail(), root.root() + " lacks " + c.missing);
     EXPECT_TRUE(test::loggedLine(
         "s2", LogLevel::warn, "model files incomplete (missing " + c.missing + "); falling back to placeholder audio"));
-    try {
-      engine.synthesize(speech("hi"), VoiceHint{});
-      ADD_FAILURE() << "synthesised without an engine";
-    } catch (const TtsError& e) {
-      EXPECT_EQ(e.code, TtsErrorCode::engineNotConnected);
-      EXPECT_EQ(e.message, "the engine is incomplete: " + root.root() + " lacks " + c.missing);
-    }
+    const TtsError e = test::thrown([&] { engine.synthesize(speech("hi"), VoiceHint{}); });
+    EXPECT_EQ(e.code, TtsErrorCode::engineNotConnected);
+    EXPECT_EQ(e.message, "the engine is incomplete: " + root.root() + " lacks " + c.missing);
   }
 
   // A named model wins over the largest; a search root brings its own engine.

@@ -195,14 +195,10 @@ TEST_F(HubClientTest, GetShareAndUnshareAgainstTheDouble) {
   unshareFromHub(hub, first.id, config, fingerprints);
   EXPECT_FALSE(config.hubDeleteKey(first.id));
   EXPECT_EQ(hub.list().size(), 1u);
-  try {
-    unshareFromHub(hub, first.id, config, fingerprints);
-    ADD_FAILURE() << "no key, yet unshared";
-  } catch (const TtsError& e) {
-    EXPECT_EQ(e.code, TtsErrorCode::notFound);
-    EXPECT_EQ(e.message, "there is no delete key for share " + first.id +
-                             " here: only the machine that shared it can take it down");
-  }
+  const TtsError e = test::thrown([&] { unshareFromHub(hub, first.id, config, fingerprints); });
+  EXPECT_EQ(e.code, TtsErrorCode::notFound);
+  EXPECT_EQ(e.message,
+            "there is no delete key for share " + first.id + " here: only the machine that shared it can take it down");
 }
 
 TEST_F(HubClientTest, EveryRefusalReadsAsASentence) {

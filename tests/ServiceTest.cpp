@@ -94,12 +94,8 @@ class ServiceTest : public ::testing::Test {
                         TtsGender gender = TtsGender::female) {
     return TtsRequest::make(std::move(text), std::move(language), gender, speed);
   }
-  TtsError failure(const TtsRequest& request) try {
-    service->synthesize(request);
-    ADD_FAILURE() << "no TtsError";
-    return TtsError(TtsErrorCode::none, "");
-  } catch (const TtsError& e) {
-    return e;
+  TtsError failure(const TtsRequest& request) {
+    return test::thrown([&] { service->synthesize(request); });
   }
 
   test::TempDir dir;
