@@ -14,7 +14,7 @@ import time
 import unittest
 
 import serve_test
-from serve_test import KELVO, Server, free_port, install_engine_double
+from serve_test import KELVO, Server, free_port, install_engine_double, run_kelvo
 
 
 
@@ -32,11 +32,7 @@ class OwnershipTest(unittest.TestCase):
         shutil.rmtree(self.home, ignore_errors=True)
 
     def kelvo(self, *args, expect=0):
-        env = dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en")
-        env.pop("KELVO_URL", None)
-        run = subprocess.run([KELVO, *args], env=env, capture_output=True, text=True, timeout=60)
-        self.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
-        return run.stdout + run.stderr
+        return run_kelvo(self, self.home, *args, expect=expect, KELVO_URL=None)
 
     def test_one_service_per_data_root_and_the_command_line_finds_it(self):
         first = Server(self.home, free_port())
