@@ -78,11 +78,9 @@ class Server:
         self.key = key  # sent as the bearer key unless a request brings its own
         self.contract = None
         self.log = open(os.path.join(home, "stderr.txt"), "w+")
-        env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en", **(env or {}))
-        for name in ["KELVO_VERBOSE"] + [k for k, v in env.items() if v is None]:
-            env.pop(name, None)
         self.proc = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1", *extra],
-                                     env=env, stdout=subprocess.DEVNULL, stderr=self.log)
+                                     env=kelvo_env(home, KELVO_VERBOSE=None, **(env or {})),
+                                     stdout=subprocess.DEVNULL, stderr=self.log)
         deadline = time.monotonic() + 20
         while time.monotonic() < deadline:
             if self.proc.poll() is not None:
