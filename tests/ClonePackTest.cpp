@@ -41,11 +41,8 @@ struct Install {
 
 class ClonePackTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setUiLang(UiLang::en);
-    AppLog::clear();
-  }
-  void TearDown() override { setUiLang(UiLang::automatic); }
+  void SetUp() override { AppLog::clear(); }
+  test::ScopedUiLang ui{UiLang::en};
   Install a, b;
 };
 

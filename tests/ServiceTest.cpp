@@ -79,7 +79,6 @@ float peakOf(const Bytes& wav) {
 class ServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setUiLang(UiLang::en);
     AppLog::clear();
     voices->setConfig(config);
     s2->start();  // nothing installed under the temporary root: missing, so the test engine answers
@@ -88,8 +87,6 @@ class ServiceTest : public ::testing::Test {
     config->setDefaultVoice("en", TtsGender::female, voice.id);
     service = TtsService::create({config, voices, cache, s2, engine});
   }
-  void TearDown() override { setUiLang(UiLang::automatic); }
-
   static TtsRequest req(std::string text, float speed = 1.0f, std::string language = "en",
                         TtsGender gender = TtsGender::female) {
     return TtsRequest::make(std::move(text), std::move(language), gender, speed);
@@ -98,6 +95,7 @@ class ServiceTest : public ::testing::Test {
     return test::thrown([&] { service->synthesize(request); });
   }
 
+  test::ScopedUiLang ui{UiLang::en};
   test::TempDir dir;
   std::shared_ptr<AppConfig> config = std::make_shared<AppConfig>(dir.path() + "data/config.json");
   std::shared_ptr<VoiceLibrary> voices =
