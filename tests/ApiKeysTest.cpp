@@ -2,16 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "KELVOCore/Files.h"
 #include "tests/TestSupport.h"
 
 namespace kelvo {
 namespace {
-
-std::string slurp(const std::string& path) {
-  const std::optional<Bytes> raw = readFile(path);
-  return raw ? std::string(raw->begin(), raw->end()) : std::string();
-}
 
 // Whatever lies in the key file, the API never ends up more open than it was
 // meant to be: a damaged file keeps it closed to all but the local key.
@@ -29,15 +23,12 @@ TEST(ApiKeysTest, KeyFileStatesNeverOpenTheApiByAccident) {
   for (const Case& c : cases) {
     test::TempDir dir;
     const std::string folder = dir.path() + "data/";
-    if (!c.file.empty()) {
-      ASSERT_FALSE(writeFileAtomic(folder + std::string(apiKeysFileName),
-                                   std::span(reinterpret_cast<const std::uint8_t*>(c.file.data()), c.file.size())));
-    }
+    if (!c.file.empty()) test::writeTextFile(folder + std::string(apiKeysFileName), c.file);
     ApiKeys keys(folder);
     EXPECT_EQ(keys.enforced(), c.enforced) << c.file;
     EXPECT_FALSE(keys.check("kelvo_anything")) << c.file;
     ASSERT_TRUE(keys.writeLocalKey());
-    const std::string local = trimmed(slurp(folder + std::string(localKeyFileName)));
+    const std::string local = trimmed(test::readTextFile(folder + std::string(localKeyFileName)));
     EXPECT_EQ(keys.check(local), Scope::admin) << c.file;
 
     const ApiKeys::Added speak = keys.add("kiosk", Scope::speak);
@@ -46,7 +37,8 @@ TEST(ApiKeysTest, KeyFileStatesNeverOpenTheApiByAccident) {
     EXPECT_EQ(keys.add("two words", Scope::admin).refusal, ApiKeys::Refusal::badName);
     EXPECT_EQ(keys.check(speak.key), Scope::speak);
     EXPECT_FALSE(keys.check(speak.key + "x"));
-    EXPECT_EQ(slurp(folder + std::string(apiKeysFileName)).find(speak.key), std::string::npos) << "stored hashed";
+    EXPECT_EQ(test::readTextFile(folder + std::string(apiKeysFileName)).find(speak.key), std::string::npos)
+        << "stored hashed";
 
     ApiKeys reread(folder);  // what the next start sees
     EXPECT_TRUE(reread.enforced());

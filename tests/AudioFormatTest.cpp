@@ -2,21 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "KELVOCore/Mp3Encode.h"
 #include "KELVOCore/Wav.h"
+#include "tests/TestSupport.h"
 
 namespace kelvo {
 namespace {
-
-PcmBuffer tone(std::int64_t rate, double seconds) {
-  PcmBuffer pcm{std::vector<float>(static_cast<std::size_t>(static_cast<double>(rate) * seconds)), rate};
-  for (std::size_t i = 0; i < pcm.data.size(); ++i) {
-    pcm.data[i] = 0.5f * std::sin(2.0f * 3.14159265f * 440.0f * static_cast<float>(i) / static_cast<float>(rate));
-  }
-  return pcm;
-}
 
 bool startsWith(const Bytes& b, std::string_view magic) {
   return b.size() >= magic.size() && std::equal(magic.begin(), magic.end(), b.begin());
@@ -28,7 +19,7 @@ bool startsWith(const Bytes& b, std::string_view magic) {
 TEST(AudioFormatTest, EveryFormatAtEveryRateGivesItsContainer) {
   for (const std::int64_t rate : {7000, 8000, 16000, 22050, 24000, 44100, 48000, 96000}) {
     SCOPED_TRACE(rate);
-    const PcmBuffer pcm = tone(rate, 0.3);
+    const PcmBuffer pcm = test::sine(rate, 440, static_cast<std::size_t>(rate * 3 / 10));  // 0.3 s
     for (const AudioFormat format : allAudioFormats) {
       SCOPED_TRACE(std::string(code(format)));
       const std::optional<Bytes> out = encodeAudio(format, pcm);
@@ -59,7 +50,7 @@ TEST(AudioFormatTest, EveryFormatAtEveryRateGivesItsContainer) {
   EXPECT_EQ(variantTag("ABC", AudioFormat::wav), "ABC");
   EXPECT_EQ(variantTag("ABC", AudioFormat::opus), "ABC.opus");
   // FLAC cannot describe every rate; the encoder says so instead of failing later.
-  EXPECT_EQ(encodeAudio(AudioFormat::flac, tone(1000000, 0.01)), std::nullopt);
+  EXPECT_EQ(encodeAudio(AudioFormat::flac, test::sine(1000000, 440, 10000)), std::nullopt);
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 
 #include "KELVOCore/ClonePack.h"
 #include "KELVOCore/Files.h"
-#include "KELVOCore/Wav.h"
 #include "KELVOCore/Zip.h"
 #include "tests/TestSupport.h"
 #include "tests/ZipCraft.h"
@@ -20,13 +19,7 @@ namespace fs = std::filesystem;
 using test::bytesOf;
 using test::zipOf;
 
-// Six seconds of a constant level: clips told apart by content, quick to decode.
-Bytes clip(float level) {
-  PcmBuffer pcm;
-  pcm.sampleRate = 8000;
-  pcm.data.assign(48000, level);
-  return buildWav(pcm, 1);
-}
+Bytes clip(float level) { return test::levelWav(6000, level, 8000); }
 
 // One installation in a folder of its own: the data root is "root/" inside it,
 // so anything a pack manages to write beside the root shows up in files().
@@ -48,11 +41,8 @@ struct Install {
 
 class ClonePackTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setUiLang(UiLang::en);
-    AppLog::clear();
-  }
-  void TearDown() override { setUiLang(UiLang::automatic); }
+  void SetUp() override { AppLog::clear(); }
+  test::ScopedUiLang ui{UiLang::en};
   Install a, b;
 };
 
@@ -124,12 +114,8 @@ TEST_F(ClonePackTest, VoicesOnlyPacksSummariesAndFingerprints) {
                                        {"summary", in.describe()}}));
   EXPECT_EQ((PackSummary{3, 2, 1, 4, 5, 1572864, {}}).describe(),
             "3 voice(s) (2 new, 1 reused) · 5 clip(s) · 4 binding(s) · 1.5 MB");
-  try {
-    exportVoicePack(a.dir.path() + "x.cln", {ben.id, "v-unknown"}, a.library);
-    ADD_FAILURE() << "an unknown voice was packed";
-  } catch (const TtsError& e) {
-    EXPECT_EQ(e.code, TtsErrorCode::notFound);
-  }
+  EXPECT_EQ(test::thrown([&] { exportVoicePack(a.dir.path() + "x.cln", {ben.id, "v-unknown"}, a.library); }).code,
+            TtsErrorCode::notFound);
   EXPECT_FALSE(fs::exists(a.dir.path() + "x.cln"));
 
   a.config.setAirlineVoice("UAL", "en", TtsGender::female, ben.id);
@@ -180,13 +166,9 @@ TEST_F(ClonePackTest, RefusesWholePacksBeforeTouchingAnything) {
     ASSERT_FALSE(writeFileAtomic(file, bytes));
     for (const auto& import : {std::function([&] { importPack(bytes, b.library, b.config); }),
                                std::function([&] { importPack(file, b.library, b.config); })}) {
-      try {
-        import();
-        ADD_FAILURE() << "accepted: " << message;
-      } catch (const TtsError& e) {
-        EXPECT_EQ(e.code, TtsErrorCode::badPack);
-        EXPECT_EQ(e.message, message);
-      }
+      const TtsError e = test::thrown(import);
+      EXPECT_EQ(e.code, TtsErrorCode::badPack) << message;
+      EXPECT_EQ(e.message, message);
     }
   }
   EXPECT_EQ(b.library.count(), 0);

@@ -6,18 +6,12 @@
 #include <numbers>
 #include <tuple>
 
+#include "tests/TestSupport.h"
+
 namespace kelvo {
 namespace {
 
-PcmBuffer sine(std::int64_t rate, double hz, std::size_t count, float amplitude = 0.5f) {
-  PcmBuffer pcm;
-  pcm.sampleRate = rate;
-  pcm.data.resize(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    pcm.data[i] = amplitude * static_cast<float>(std::sin(2 * std::numbers::pi * hz * static_cast<double>(i) / rate));
-  }
-  return pcm;
-}
+using test::sine;
 
 PcmBuffer ramp(std::int64_t rate, std::size_t count) {
   PcmBuffer pcm;

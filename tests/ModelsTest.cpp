@@ -28,9 +28,7 @@ constexpr std::string_view kWebPage =
     "the server sent a web page instead of the model — check the network or switch the mirror";
 
 Bytes servedModel() {
-  Bytes data(kModelBytes);
-  std::uint32_t x = 12345;
-  for (auto& b : data) b = static_cast<std::uint8_t>((x = x * 1664525u + 1013904223u) >> 24);
+  Bytes data = test::noise(kModelBytes, 12345);
   std::copy_n("GGUF", 4, data.begin());
   return data;
 }

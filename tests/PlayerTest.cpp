@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <cmath>
 #include <condition_variable>
 #include <filesystem>
 #include <thread>
@@ -20,9 +19,7 @@ using Clock = std::chrono::steady_clock;
 
 // A tone of `ms` milliseconds at 8 kHz as a `channels`-channel 16-bit WAV.
 Bytes toneWav(int ms, std::int64_t channels = 1) {
-  PcmBuffer pcm{std::vector<float>(static_cast<std::size_t>(8 * ms)), 8000};
-  for (std::size_t i = 0; i < pcm.data.size(); ++i) pcm.data[i] = 0.3f * std::sin(0.3f * static_cast<float>(i));
-  return buildWav(pcm, channels);
+  return buildWav(test::sine(8000, 400, static_cast<std::size_t>(8 * ms), 0.3f), channels);
 }
 
 class PlayerTest : public ::testing::Test {

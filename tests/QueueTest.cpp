@@ -20,6 +20,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Late = SynthQueue::LateHandler;
+using test::eventually;
 
 constexpr std::int64_t patientMs = 10000;  // long enough never to expire in a passing run
 const std::string shutdownError = "engine_not_connected: the service is shutting down; this request was dropped";
@@ -43,18 +44,6 @@ class Gate {
   std::condition_variable cv;
   bool opened = false;
 };
-
-// Polls a condition that another thread is about to make true; false only
-// when it never happens (the check then fails instead of hanging).
-template <typename Pred>
-bool eventually(Pred pred) {
-  const auto giveUp = Clock::now() + std::chrono::seconds(20);
-  while (!pred()) {
-    if (Clock::now() > giveUp) return false;
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  return true;
-}
 
 // Audio that names the text it was made from.
 PcmBuffer audioFor(const std::string& text) { return {std::vector<float>(text.begin(), text.end()), 16000}; }

@@ -17,6 +17,7 @@
 namespace kelvo {
 namespace {
 
+using test::eventually;
 using test::loggedLine;
 using namespace std::chrono_literals;
 
@@ -68,14 +69,6 @@ class TestEngine final : public TtsEngine {
   bool held = false;
 };
 
-template <typename Done>
-bool eventually(Done done) {
-  for (auto until = std::chrono::steady_clock::now() + 5s; !done(); std::this_thread::sleep_for(2ms)) {
-    if (std::chrono::steady_clock::now() > until) return false;
-  }
-  return true;
-}
-
 float peakOf(const Bytes& wav) {
   const PcmBuffer pcm = parseWav(wav).value_or(PcmBuffer{});
   float peak = 0;
@@ -86,29 +79,23 @@ float peakOf(const Bytes& wav) {
 class ServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setUiLang(UiLang::en);
     AppLog::clear();
     voices->setConfig(config);
     s2->start();  // nothing installed under the temporary root: missing, so the test engine answers
-    const PcmBuffer clip{std::vector<float>(24000, 0.2f), 16000};
-    voice = voices->addClone({"Anna", "en", TtsGender::female, {{buildWav(clip, 1), "reference words"}}, "", ""});
+    voice = voices->addClone(
+        {"Anna", "en", TtsGender::female, {{test::levelWav(1500, 0.2f), "reference words"}}, "", ""});
     config->setDefaultVoice("en", TtsGender::female, voice.id);
     service = TtsService::create({config, voices, cache, s2, engine});
   }
-  void TearDown() override { setUiLang(UiLang::automatic); }
-
   static TtsRequest req(std::string text, float speed = 1.0f, std::string language = "en",
                         TtsGender gender = TtsGender::female) {
     return TtsRequest::make(std::move(text), std::move(language), gender, speed);
   }
-  TtsError failure(const TtsRequest& request) try {
-    service->synthesize(request);
-    ADD_FAILURE() << "no TtsError";
-    return TtsError(TtsErrorCode::none, "");
-  } catch (const TtsError& e) {
-    return e;
+  TtsError failure(const TtsRequest& request) {
+    return test::thrown([&] { service->synthesize(request); });
   }
 
+  test::ScopedUiLang ui{UiLang::en};
   test::TempDir dir;
   std::shared_ptr<AppConfig> config = std::make_shared<AppConfig>(dir.path() + "data/config.json");
   std::shared_ptr<VoiceLibrary> voices =

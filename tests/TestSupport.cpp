@@ -1,10 +1,14 @@
 #include "tests/TestSupport.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <numbers>
+#include <random>
 #include <stdexcept>
 
 #include "KELVOCore/Files.h"
+#include "KELVOCore/Wav.h"
 
 namespace kelvo::test {
 
@@ -55,6 +59,28 @@ Bytes fixture(std::string_view name) {
   auto bytes = readFile(path);
   if (!bytes) ADD_FAILURE() << "cannot read " << path;
   return bytes ? std::move(*bytes) : Bytes{};
+}
+
+PcmBuffer sine(std::int64_t rate, double hz, std::size_t count, float amplitude) {
+  PcmBuffer pcm{std::vector<float>(count), rate};
+  for (std::size_t i = 0; i < count; ++i) {
+    pcm.data[i] = amplitude * static_cast<float>(std::sin(2 * std::numbers::pi * hz * static_cast<double>(i) / rate));
+  }
+  return pcm;
+}
+
+Bytes noise(std::size_t n, unsigned seed) {
+  std::mt19937 gen(seed);
+  Bytes b(n);
+  for (auto& x : b) x = static_cast<std::uint8_t>(gen());
+  return b;
+}
+
+Bytes levelWav(std::int64_t ms, float level, std::int64_t rate) {
+  PcmBuffer pcm;
+  pcm.sampleRate = rate;
+  pcm.data.assign(static_cast<std::size_t>(rate * ms / 1000), level);
+  return buildWav(pcm, 1);
 }
 
 std::optional<std::string> loggedLine(std::string_view source, LogLevel level, std::string_view prefix) {

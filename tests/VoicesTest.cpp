@@ -17,19 +17,11 @@ namespace {
 namespace fs = std::filesystem;
 using test::bytesOf;
 using test::fixture;
+using test::levelWav;
 using test::loggedLine;
 using test::thrown;
 
 constexpr std::int64_t kRate = 16000;
-
-// A mono WAV of `ms` milliseconds holding the constant `level`, so clips are
-// told apart by content and recognised after a merge.
-Bytes clip(std::int64_t ms, float level = 0.25f, std::int64_t rate = kRate) {
-  PcmBuffer pcm;
-  pcm.sampleRate = rate;
-  pcm.data.assign(static_cast<std::size_t>(rate * ms / 1000), level);
-  return buildWav(pcm, 1);
-}
 
 // MP3 by its ID3 tag, with nothing a decoder can use after it.
 Bytes brokenMp3() {
@@ -87,7 +79,7 @@ TEST_F(VoiceLibraryTest, IdsComeFromContentAndRepeatsGetSuffixes) {
   // sha256("abc") upper-case hex + "|hi\n", hashed again, first 12 digits.
   EXPECT_EQ(library.predictId(spec({{bytesOf("abc"), "hi"}})), "v-9f8065bd3cbe");
 
-  const auto twoClips = spec({{clip(6000, 0.1f), " first words "}, {clip(7000, 0.2f), "second\n"}});
+  const auto twoClips = spec({{levelWav(6000, 0.1f), " first words "}, {levelWav(7000, 0.2f), "second\n"}});
   const std::string predicted = library.predictId(twoClips);
   const VoiceInfo first = library.addClone(twoClips);
   EXPECT_EQ(std::tie(first.id, first.language), std::make_tuple(predicted, "en"));
@@ -114,7 +106,7 @@ TEST_F(VoiceLibraryTest, IdsComeFromContentAndRepeatsGetSuffixes) {
 }
 
 TEST_F(VoiceLibraryTest, ClipDurationBoundaries) {
-  const TtsError tooShort = thrown([&] { library.addClone(spec({{clip(999), "short"}})); });
+  const TtsError tooShort = thrown([&] { library.addClone(spec({{levelWav(999), "short"}})); });
   EXPECT_EQ(tooShort.code, TtsErrorCode::badAudio);
   EXPECT_EQ(tooShort.message, "the reference clip is only 999 ms, too short (5-30 s is recommended)");
   EXPECT_EQ(library.count(), 0);
@@ -122,7 +114,7 @@ TEST_F(VoiceLibraryTest, ClipDurationBoundaries) {
 
   // Each doubt is logged and handed back to the caller, localised.
   std::vector<std::string> warnings;
-  const VoiceInfo oneSecond = library.addClone(spec({{clip(1000), "one second"}}), &warnings);
+  const VoiceInfo oneSecond = library.addClone(spec({{levelWav(1000), "one second"}}), &warnings);
   EXPECT_EQ(oneSecond.clips[0].durationMs, 1000);
   EXPECT_EQ(loggedLine("voices", LogLevel::warn, "reference audio is only"),
             "reference audio is only 1.0 s; 5-30 s is recommended, cloning may be unstable");
@@ -132,13 +124,13 @@ TEST_F(VoiceLibraryTest, ClipDurationBoundaries) {
   AppLog::clear();
   warnings.clear();
   const VoiceInfo exact =
-      library.addClone(spec({{clip(30000), "thirty seconds of words, read slowly and clearly"}}), &warnings);
+      library.addClone(spec({{levelWav(30000), "thirty seconds of words, read slowly and clearly"}}), &warnings);
   EXPECT_FALSE(loggedLine("voices", LogLevel::warn, ""));
   EXPECT_TRUE(warnings.empty());
   EXPECT_EQ(library.referenceAudio(exact), readFile(clipDir + exact.clips[0].fileName));  // passed on unchanged
 
   // Over 30 s, and with 14 characters for 30 s of audio the transcript cannot be what the clip says.
-  const VoiceInfo over = library.addClone(spec({{clip(30001), "a bit too long"}}), &warnings);
+  const VoiceInfo over = library.addClone(spec({{levelWav(30001), "a bit too long"}}), &warnings);
   EXPECT_EQ(over.clips[0].durationMs, 30001);
   EXPECT_EQ(loggedLine("voices", LogLevel::warn, "reference audio is 30 s"),
             "reference audio is 30 s, over the 30 s the engine takes; it will be trimmed");
@@ -157,17 +149,17 @@ TEST_F(VoiceLibraryTest, BadClipsAddNothingAndLeaveNoFiles) {
   const std::pair<VoiceCloneSpec, std::string> cases[] = {
       {spec({}), "cloning needs at least one reference clip"},
       {spec({{Bytes{}, "text"}}), "this clip has no audio data"},
-      {spec({{clip(6000), " \n\t\u3000 "}}),
+      {spec({{levelWav(6000), " \n\t\u3000 "}}),
        "a reference clip needs its transcript (the engine requires reference_text)"},
       {spec({{bytesOf("plain text, not audio"), "text"}}), "this audio is not WAV, MP3 or Ogg"},
       // The good first clip is checked, the bad second one fails the whole clone.
-      {spec({{clip(6000), "good"}, {clip(500), "bad"}}),
+      {spec({{levelWav(6000), "good"}, {levelWav(500), "bad"}}),
        "the reference clip is only 500 ms, too short (5-30 s is recommended)"},
       // Undecodable: an Ogg the engine would not take, and an MP3 no merge could use.
       {spec({{bytesOf("OggS this stream is cut off right after its capture pattern"), "broken ogg"}}),
        "cannot decode this ogg reference clip, so the voice could not speak. cannot decode the ogg (the file may be "
        "truncated or corrupt)."},
-      {spec({{clip(6000), "good"}, {brokenMp3(), "broken mp3"}}),
+      {spec({{levelWav(6000), "good"}, {brokenMp3(), "broken mp3"}}),
        "cannot decode this mp3 reference clip, so the voice could not speak. "},
   };
   for (const auto& [s, message] : cases) {
@@ -180,7 +172,7 @@ TEST_F(VoiceLibraryTest, BadClipsAddNothingAndLeaveNoFiles) {
 
   // The second clip cannot be written (a folder sits where its file goes): the
   // first clip's file is taken back and no voice appears.
-  const auto blocked = spec({{clip(6000, 0.3f), "one"}, {clip(6000, 0.4f), "two"}});
+  const auto blocked = spec({{levelWav(6000, 0.3f), "one"}, {levelWav(6000, 0.4f), "two"}});
   const std::string id = library.predictId(blocked);
   fs::create_directories(clipDir + id + "-1.wav");
   const TtsError e = thrown([&] { library.addClone(blocked); });
@@ -222,7 +214,7 @@ TEST_F(VoiceLibraryTest, CompressedAndUndecodableClips) {
 
 TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
   const VoiceInfo voice = library.addClone(
-      spec({{clip(12000, 0.25f), "one"}, {clip(12000, 0.5f), "two"}, {clip(12000, 0.75f), "three"}}));
+      spec({{levelWav(12000, 0.25f), "one"}, {levelWav(12000, 0.5f), "two"}, {levelWav(12000, 0.75f), "three"}}));
   const auto pcm = parseWav(library.referenceAudio(voice).value_or(Bytes{}));
   ASSERT_TRUE(pcm);
   ASSERT_EQ(pcm->data.size(), static_cast<std::size_t>(30 * kRate));  // 12 + 0.3 + 12 + 0.3 + 5.4
@@ -239,11 +231,11 @@ TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
   // A clip at another rate is resampled to the first one's; a clip damaged
   // after it was stored is skipped; once 30 s are reached the rest is not even read.
   AppLog::clear();
-  const VoiceInfo mixed = library.addClone(spec({{clip(2000, 0.25f), "a"},
-                                                 {clip(1000, 0.5f, 8000), "b"},
-                                                 {clip(1000, 0.9f), "c"},
-                                                 {clip(30000, 0.1f), "d"},
-                                                 {clip(5000, 0.2f), "e"}}));
+  const VoiceInfo mixed = library.addClone(spec({{levelWav(2000, 0.25f), "a"},
+                                                 {levelWav(1000, 0.5f, 8000), "b"},
+                                                 {levelWav(1000, 0.9f), "c"},
+                                                 {levelWav(30000, 0.1f), "d"},
+                                                 {levelWav(5000, 0.2f), "e"}}));
   ASSERT_FALSE(writeFileAtomic(clipDir + mixed.clips[2].fileName, bytesOf("OggS broken")));
   const auto mixedPcm = parseWav(library.referenceAudio(mixed).value_or(Bytes{}));
   ASSERT_TRUE(mixedPcm);
@@ -261,7 +253,7 @@ TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
   // Clips that stop just short of 30 s leave no room for the pause before the
   // next one: the pause is cut too, and the merge still ends at 30 s exactly.
   const VoiceInfo brim = library.addClone(
-      spec({{clip(14800, 0.25f), "one"}, {clip(14800, 0.5f), "two"}, {clip(5000, 0.75f), "three"}}));
+      spec({{levelWav(14800, 0.25f), "one"}, {levelWav(14800, 0.5f), "two"}, {levelWav(5000, 0.75f), "three"}}));
   const auto brimPcm = parseWav(library.referenceAudio(brim).value_or(Bytes{}));
   ASSERT_TRUE(brimPcm);
   EXPECT_EQ(brimPcm->data.size(), static_cast<std::size_t>(30 * kRate));  // 14.8 + 0.3 + 14.8 + 0.1 of pause
@@ -271,7 +263,7 @@ TEST_F(VoiceLibraryTest, SeveralClipsMergeIntoThirtySeconds) {
 }
 
 TEST_F(VoiceLibraryTest, ClipsAreAddedAndRemovedWithoutCollisions) {
-  const VoiceInfo voice = library.addClone(spec({{clip(6000, 0.1f), "a"}, {clip(6000, 0.2f), "b"}}));
+  const VoiceInfo voice = library.addClone(spec({{levelWav(6000, 0.1f), "a"}, {levelWav(6000, 0.2f), "b"}}));
   EXPECT_FALSE(library.removeClip(voice.id, 2));
   EXPECT_FALSE(library.removeClip(voice.id, -1));
   EXPECT_FALSE(library.removeClip("v-unknown", 0));
@@ -285,16 +277,16 @@ TEST_F(VoiceLibraryTest, ClipsAreAddedAndRemovedWithoutCollisions) {
   EXPECT_EQ(filesIn(clipDir).size(), 1u);
 
   // Index 1 is still in use by the remaining clip, so the new one becomes 2.
-  const VoiceInfo grown = library.addClip(voice.id, {clip(4000, 0.3f), "c"});
+  const VoiceInfo grown = library.addClip(voice.id, {levelWav(4000, 0.3f), "c"});
   ASSERT_EQ(grown.clips.size(), 2u);
   EXPECT_EQ(grown.clips[1].fileName, voice.id + "-2.wav");
   EXPECT_EQ(loggedLine("voices", LogLevel::info, "added a clip to "),
             "added a clip to Anna (" + voice.id + "), now 2 clip(s), 10.0 s");
 
-  const TtsError unknown = thrown([&] { library.addClip("v-missing", {clip(4000), "x"}); });
+  const TtsError unknown = thrown([&] { library.addClip("v-missing", {levelWav(4000), "x"}); });
   EXPECT_EQ(std::tie(unknown.code, unknown.message),
             std::make_tuple(TtsErrorCode::badVoice, "no such voice: v-missing"));
-  EXPECT_EQ(thrown([&] { library.addClip(voice.id, {clip(4000), ""}); }).code, TtsErrorCode::badAudio);
+  EXPECT_EQ(thrown([&] { library.addClip(voice.id, {levelWav(4000), ""}); }).code, TtsErrorCode::badAudio);
 
   VoiceLibrary reread(voicesFile, clipDir);  // the grown voice was saved
   reread.load();
@@ -302,8 +294,8 @@ TEST_F(VoiceLibraryTest, ClipsAreAddedAndRemovedWithoutCollisions) {
 }
 
 TEST_F(VoiceLibraryTest, RemovingAVoiceDeletesItsFilesAndBindings) {
-  const VoiceInfo keep = library.addClone(spec({{clip(6000, 0.1f), "keep"}}, "Keep"));
-  const VoiceInfo gone = library.addClone(spec({{clip(6000, 0.2f), "gone"}, {clip(6000, 0.3f), "too"}}, "Gone"));
+  const VoiceInfo keep = library.addClone(spec({{levelWav(6000, 0.1f), "keep"}}, "Keep"));
+  const VoiceInfo gone = library.addClone(spec({{levelWav(6000, 0.2f), "gone"}, {levelWav(6000, 0.3f), "too"}}, "Gone"));
   config->setAirlineVoice("UAL", "en", TtsGender::female, toUpper(gone.id));
   config->setDefaultVoice("en", TtsGender::male, gone.id);
   config->setDefaultVoice("en", TtsGender::female, keep.id);
@@ -328,7 +320,7 @@ TEST_F(VoiceLibraryTest, RemovingAVoiceDeletesItsFilesAndBindings) {
 
 TEST_F(VoiceLibraryTest, ResolutionOrder) {
   auto add = [&](const char* name, float level) {
-    return library.addClone(spec({{clip(6000, level), name}}, name)).id;
+    return library.addClone(spec({{levelWav(6000, level), name}}, name)).id;
   };
   const std::string airlineFemale = add("airline-female", 0.1f);
   const std::string airlineDefault = add("airline-default", 0.2f);
@@ -459,9 +451,9 @@ TEST_F(VoiceLibraryTest, ForeignIdsAndNamesNeverBecomePaths) {
     {"id": "../../escape", "display": "Escape", "clips": [{"file": "ok-0.wav", "text": "t"}]}]})");
   const std::string outside = dir.path() + "escape-0.wav";
   library.load();
-  writeFileAtomic(clipDir + "ok-0.wav", clip(6000));
+  writeFileAtomic(clipDir + "ok-0.wav", levelWav(6000));
 
-  const VoiceInfo grown = library.addClip("../../escape", {clip(6000, 0.5f), "more"});
+  const VoiceInfo grown = library.addClip("../../escape", {levelWav(6000, 0.5f), "more"});
   ASSERT_EQ(grown.clips.size(), 2u);
   EXPECT_EQ(grown.clips[1].fileName, "______escape-1.wav");
   EXPECT_TRUE(fs::exists(clipDir + "______escape-1.wav"));
@@ -494,7 +486,7 @@ TEST_F(VoiceLibraryTest, ClonesRaceRemovalsAndLookups) {
       for (int i = 0; i < kRounds; ++i) {
         // Threads share content in pairs, so some clones race for the same id.
         const float level = 0.01f * static_cast<float>((t / 2) * kRounds + i + 1);
-        const VoiceInfo voice = library.addClone(spec({{clip(1000, level), "race"}}));
+        const VoiceInfo voice = library.addClone(spec({{levelWav(1000, level), "race"}}));
         ++added;
         config->setDefaultVoice("en", TtsGender::female, voice.id);
         (void)library.resolve(request("", "en", TtsGender::female));

@@ -8,10 +8,9 @@
 #include <vector>
 
 #include "KELVOCore/Zip.h"
+#include "tests/TestSupport.h"
 
 namespace kelvo::test {
-
-inline Bytes bytesOf(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
 inline Bytes zipOf(const std::vector<ZipEntry>& entries) {
   ZipWriter writer;

@@ -3,7 +3,6 @@
 
 #include <cstdlib>
 #include <functional>
-#include <random>
 #include <tuple>
 
 #include "KELVOCore/Files.h"
@@ -18,16 +17,10 @@ using test::bytesOf;
 using test::centralRecord;
 using test::endRecord;
 using test::get32;
+using test::noise;
 using test::put16;
 using test::put32;
 using test::zipOf;
-
-Bytes noise(std::size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  Bytes b(n);
-  for (auto& x : b) x = static_cast<std::uint8_t>(gen());
-  return b;
-}
 
 std::string repeat(std::string_view line, int times) {
   std::string s;

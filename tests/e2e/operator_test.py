@@ -17,7 +17,8 @@ import unittest
 
 os.environ.setdefault("KELVO_BIN", sys.argv.pop(1))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from serve_test import KELVO, Server, free_port, install_engine_double, tone_wav  # noqa: E402
+from serve_test import (KELVO, Server, free_port, install_engine_double, kelvo_env,  # noqa: E402
+                        run_kelvo, tone_wav)
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 COMPLETION = os.path.join(ROOT, "KELVOServer", "completion", "kelvo.bash")
@@ -48,13 +49,10 @@ class OperatorTest(unittest.TestCase):
         shutil.rmtree(cls.home, ignore_errors=True)
 
     def env(self):
-        return dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en", KELVO_AUDIO_DEVICE="null")
+        return kelvo_env(self.home)
 
     def kelvo(self, *args, expect=0):
-        run = subprocess.run([KELVO, *args, "--url", self.url], env=self.env(), capture_output=True, text=True,
-                             timeout=120)
-        self.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
-        return run.stdout + run.stderr
+        return run_kelvo(self, self.home, *args, "--url", self.url, expect=expect)
 
     def file(self, name, content):
         path = os.path.join(self.home, name)
@@ -93,10 +91,8 @@ class OperatorTest(unittest.TestCase):
         ]
         for args, status, message in cases:
             with self.subTest(args=args):
-                run = subprocess.run([KELVO, *args] + ([] if "--url" in args or not args else ["--url", self.url]),
-                                     env=self.env(), capture_output=True, text=True, timeout=60)
-                self.assertEqual(run.returncode, status, run.stdout + run.stderr)
-                self.assertIn(message, run.stdout + run.stderr)
+                url = [] if "--url" in args or not args else ["--url", self.url]
+                self.assertIn(message, run_kelvo(self, self.home, *args, *url, expect=status))
 
     def test_doubts_and_failures_are_told(self):
         # Clone: a 2 s clip is taken with a warning; an Ogg no decoder can read is refused.

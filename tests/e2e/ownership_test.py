@@ -2,7 +2,7 @@
 """End-to-end: one `kelvo serve` owns its data root. A second one is refused,
 the command line finds the owner through the lock file, a default voice is
 made once however many first requests race for it, a kill -9 leaves nothing
-behind, and the configuration's interface language is the service's."""
+behind, and the configuration's interface language is the restarted service's."""
 import base64
 import concurrent.futures
 import json
@@ -14,7 +14,7 @@ import time
 import unittest
 
 import serve_test
-from serve_test import KELVO, Server, free_port, install_engine_double
+from serve_test import KELVO, Server, free_port, install_engine_double, run_kelvo
 
 
 
@@ -32,11 +32,7 @@ class OwnershipTest(unittest.TestCase):
         shutil.rmtree(self.home, ignore_errors=True)
 
     def kelvo(self, *args, expect=0):
-        env = dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en")
-        env.pop("KELVO_URL", None)
-        run = subprocess.run([KELVO, *args], env=env, capture_output=True, text=True, timeout=60)
-        self.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
-        return run.stdout + run.stderr
+        return run_kelvo(self, self.home, *args, expect=expect, KELVO_URL=None)
 
     def test_one_service_per_data_root_and_the_command_line_finds_it(self):
         first = Server(self.home, free_port())
@@ -76,7 +72,7 @@ class OwnershipTest(unittest.TestCase):
         self.assertIn(self.home, out)
         self.assertIn("not installed", self.kelvo("models", "rm", "q6_k", expect=1))
 
-    def test_a_crash_leaves_no_temporary_files(self):
+    def test_a_restart_after_a_crash_cleans_up_and_reads_its_configuration(self):
         srv = Server(self.home, free_port())
         clip = base64.b64encode(serve_test.tone_wav()).decode()
 
@@ -104,9 +100,13 @@ class OwnershipTest(unittest.TestCase):
         with open(kept, "wb") as f:
             f.write(b"busy")
 
+        # The restart also reads the interface language from the configuration, over LANGUAGE=en.
+        with open(os.path.join(self.home, "data", "config.json"), "w") as f:
+            json.dump({"server": {"uiLanguage": "ja"}}, f)
         srv = Server(self.home, free_port())  # the lock died with the killed service
         try:
-            self.assertEqual(srv.request("GET", "/v1/health")[0], 200)
+            status, answer = srv.json("POST", "/v1/tts", {"text": " "})
+            self.assertEqual((status, answer["message"]), (400, "合成するテキストがありません"))
         finally:
             self.assertEqual(srv.stop()[0], 0)
         left = [name for folder in ("clone", "temp", "data", "logs")
@@ -137,17 +137,6 @@ class OwnershipTest(unittest.TestCase):
             self.assertEqual(answers[1][1]["X-KELVO-Voice"], answers[0][1]["X-KELVO-Voice"])
         finally:
             self.assertEqual(srv.stop()[0], 0)
-
-    def test_the_configured_interface_language_is_the_services(self):
-        os.makedirs(os.path.join(self.home, "data"))
-        with open(os.path.join(self.home, "data", "config.json"), "w") as f:
-            json.dump({"server": {"uiLanguage": "ja"}}, f)
-        srv = Server(self.home, free_port())  # LANGUAGE=en in its environment
-        try:
-            status, answer = srv.json("POST", "/v1/tts", {"text": " "})
-            self.assertEqual((status, answer["message"]), (400, "合成するテキストがありません"))
-        finally:
-            srv.stop()
 
 
 if __name__ == "__main__":

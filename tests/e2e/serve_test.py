@@ -40,6 +40,22 @@ def install_engine_double(home):
         f.write("gguf")
 
 
+def kelvo_env(home, **extra):
+    """The environment of a `kelvo` command on the data root `home`: English, and ALSA's
+    "null" device, where playback runs its real length without a sound card. A None
+    value in `extra` removes that variable."""
+    env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en", KELVO_AUDIO_DEVICE="null", **extra)
+    return {name: value for name, value in env.items() if value is not None}
+
+
+def run_kelvo(case, home, *args, expect=0, **extra_env):
+    """What `kelvo args` printed, once `case` has checked that it exited with `expect`."""
+    run = subprocess.run([KELVO, *args], env=kelvo_env(home, **extra_env), capture_output=True, text=True,
+                         timeout=120)
+    case.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
+    return run.stdout + run.stderr
+
+
 def tone_wav(seconds=5, rate=16000):
     frames = bytearray()
     for i in range(seconds * rate):
@@ -62,11 +78,9 @@ class Server:
         self.key = key  # sent as the bearer key unless a request brings its own
         self.contract = None
         self.log = open(os.path.join(home, "stderr.txt"), "w+")
-        env = dict(os.environ, KELVO_HOME=home, LANGUAGE="en", **(env or {}))
-        for name in ["KELVO_VERBOSE"] + [k for k, v in env.items() if v is None]:
-            env.pop(name, None)
         self.proc = subprocess.Popen([KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1", *extra],
-                                     env=env, stdout=subprocess.DEVNULL, stderr=self.log)
+                                     env=kelvo_env(home, KELVO_VERBOSE=None, **(env or {})),
+                                     stdout=subprocess.DEVNULL, stderr=self.log)
         deadline = time.monotonic() + 20
         while time.monotonic() < deadline:
             if self.proc.poll() is not None:
@@ -334,12 +348,7 @@ class CommandLineTest(unittest.TestCase):
         subprocess.run(["rm", "-rf", self.home], check=False)
 
     def kelvo(self, *args, expect=0):
-        # ALSA's "null" device: playback runs its real length without a sound card.
-        env = dict(os.environ, KELVO_HOME=self.home, LANGUAGE="en", KELVO_AUDIO_DEVICE="null")
-        run = subprocess.run([KELVO, *args, "--url", self.url], env=env,
-                             capture_output=True, text=True, timeout=120)
-        self.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
-        return run.stdout + run.stderr
+        return run_kelvo(self, self.home, *args, "--url", self.url, expect=expect)
 
     def test_everyday_use(self):
         clip = os.path.join(self.home, "anna.wav")
@@ -388,10 +397,7 @@ class CommandLineTest(unittest.TestCase):
         other = tempfile.mkdtemp(prefix="kelvo-cli2-")
         second = Server(other, free_port())
         try:
-            env = dict(os.environ, KELVO_HOME=other, LANGUAGE="en")
-            run = subprocess.run([KELVO, "pack", "import", pack, "--url", f"http://127.0.0.1:{second.port}"],
-                                 env=env, capture_output=True, text=True, timeout=60)
-            self.assertEqual(run.returncode, 0, run.stderr)
+            run_kelvo(self, other, "pack", "import", pack, "--url", f"http://127.0.0.1:{second.port}")
             status, headers, _ = second.request("GET", "/v1/tts?text=Hello&airline=KVO&language=en&gender=female")
             self.assertEqual((status, headers["X-KELVO-Voice"]), (200, voice))
         finally:
@@ -410,13 +416,8 @@ class OnlineTest(unittest.TestCase):
         subprocess.run(["rm", "-rf", *self.roots], check=False)
 
     def kelvo(self, root, *args, expect=0, **extra_env):
-        env = dict(os.environ, KELVO_HOME=root, LANGUAGE="en", **extra_env)
-        for name in ("KELVO_RELEASES_URL", "KELVO_HUB_URL", "KELVO_URL"):
-            if name not in extra_env:
-                env.pop(name, None)
-        run = subprocess.run([KELVO, *args], env=env, capture_output=True, text=True, timeout=60)
-        self.assertEqual(run.returncode, expect, f"kelvo {' '.join(args)}\n{run.stdout}{run.stderr}")
-        return run.stdout + run.stderr
+        unset = dict.fromkeys(("KELVO_RELEASES_URL", "KELVO_HUB_URL", "KELVO_URL"))
+        return run_kelvo(self, root, *args, expect=expect, **{**unset, **extra_env})
 
     def test_hub_models_and_update(self):
         hub_root, sharer, getter = self.roots
