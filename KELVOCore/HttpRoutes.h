@@ -137,6 +137,7 @@ class TtsHttpService {
   HttpResponse bindings(const HttpRequest& request, bool airlines);
   HttpResponse listVoices();
   HttpResponse getVoice(const std::string& id);
+  HttpResponse voiceClip(const std::string& id, const std::string& index);
   HttpResponse cloneVoice(const HttpRequest& request);
   HttpResponse removeVoice(const std::string& id);
   HttpResponse exportPack(const HttpRequest& request);

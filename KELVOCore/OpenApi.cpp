@@ -1,5 +1,6 @@
 #include "KELVOCore/OpenApi.h"
 
+#include <algorithm>
 #include <set>
 
 #include "KELVOCore/Version.h"
@@ -65,8 +66,12 @@ Json operation(const Route& route, const std::string& method) {
   if (!json && !doc.responseSchema.is_null()) ok["content"]["application/json"] = Json{{"schema", doc.responseSchema}};
   Json responses{{std::to_string(doc.status), std::move(ok)}};
   if (doc.notModified) {
+    // A 304 repeats the tag, and the result marker of the rows that send one.
+    std::vector<std::string> notModifiedHeaders{"ETag"};
+    const auto& sent = doc.responseHeaders;
+    if (std::find(sent.begin(), sent.end(), "X-KELVO-Result") != sent.end()) notModifiedHeaders.push_back("X-KELVO-Result");
     responses["304"] = Json{{"description", "Not Modified: the If-None-Match tag is the current one"},
-                            {"headers", headersJson({"ETag", "X-KELVO-Result"})}};
+                            {"headers", headersJson(notModifiedHeaders)}};
   }
 
   std::map<int, std::vector<std::string>> errors = doc.errors;
