@@ -39,7 +39,6 @@ def start_browser(downloads):
                                               "download.prompt_for_download": False})
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-    driver.set_window_size(1280, 800)
     return driver
 
 
@@ -106,9 +105,21 @@ class Page:
             f"playable audio in {css}")
 
     def shot(self, name):
+        """The whole page at the window's width, as a reviewer would scroll through it."""
         os.makedirs(SHOTS, exist_ok=True)
         self.driver.execute_script("document.activeElement && document.activeElement.blur()")
-        self.driver.save_screenshot(os.path.join(SHOTS, name + ".png"))
+        width, height = self.driver.execute_script(
+            "return [window.innerWidth, document.documentElement.scrollHeight]")
+        image = self.driver.execute_cdp_cmd("Page.captureScreenshot", {
+            "captureBeyondViewport": True, "clip": {"x": 0, "y": 0, "width": width, "height": height, "scale": 1}})
+        with open(os.path.join(SHOTS, name + ".png"), "wb") as f:
+            f.write(base64.b64decode(image["data"]))
+
+    def viewport(self, width, height):
+        """Sizes the window so that the page itself gets `width` x `height`."""
+        self.driver.set_window_size(width, height)
+        inner = self.driver.execute_script("return [window.innerWidth, window.innerHeight]")
+        self.driver.set_window_size(2 * width - inner[0], 2 * height - inner[1])
 
     def speak(self, text, **choices):
         self.open("speak")
@@ -138,11 +149,15 @@ class ConsoleTest(unittest.TestCase):
             cls.srv = Server(cls.home, free_port())
         finally:
             del os.environ["S2_DOUBLE_SYNTH_MS"]
-        cls.driver = start_browser(cls.downloads)
-        deadline = time.monotonic() + 30
-        while not cls.srv.json("GET", "/v1/health")[1]["engine_ready"]:
-            assert time.monotonic() < deadline, "the engine double never became ready"
-            time.sleep(0.1)
+        try:
+            deadline = time.monotonic() + 30
+            while not cls.srv.json("GET", "/v1/health")[1]["engine_ready"]:
+                assert time.monotonic() < deadline, "the engine double never became ready:\n" + cls.srv.stderr()
+                time.sleep(0.1)
+            cls.driver = start_browser(cls.downloads)
+        except BaseException:
+            cls.srv.stop()
+            raise
 
     @classmethod
     def tearDownClass(cls):
@@ -152,6 +167,7 @@ class ConsoleTest(unittest.TestCase):
 
     def setUp(self):
         self.page = Page(self, self.driver, self.srv.port)
+        self.page.viewport(1280, 800)
         self.expected_refusals = ()  # "status of 403" etc.: network errors a case provokes on purpose
 
     def tearDown(self):
@@ -197,11 +213,24 @@ class ConsoleTest(unittest.TestCase):
         page.field("Audio files").send_keys(self.clip_file(3))
         page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, ".clip-list input"), "the chosen file")
         self.driver.find_element(By.CSS_SELECTOR, ".clip-list input").send_keys("Welcome aboard")
+        # A second clip from the (fake) microphone, recorded in the page as WAV.
+        page.button("● Record").click()
+        page.wait(lambda: page.text("#view .status") == "Recording… speak now.", "the recording")
+        time.sleep(1.5)
+        page.button("■ Stop recording").click()
+        page.wait(lambda: len(self.driver.find_elements(By.CSS_SELECTOR, ".clip-list input")) == 2, "the recording")
+        self.assertEqual(page.find(".clip-list li:nth-child(2) .clip-name").text, "Recording 2.wav")
+        self.driver.find_elements(By.CSS_SELECTOR, ".clip-list input")[1].send_keys("Gate closing")
         page.button("Clone voice").click()
         page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, ".warnings li"), "the clone warnings")
         self.assertIn("3.0 s", page.text(".warnings li"))  # a short clip is accepted with a warning
         voice = [v for v in self.srv.json("GET", "/v1/voices")[1]["voices"] if v["display"] == "Gate voice"][0]
         self.assertIn(voice["id"], page.text("p.ok"))
+        self.assertEqual([c["text"] for c in voice["clips"]], ["Welcome aboard", "Gate closing"])
+        status, headers, recorded = self.srv.request("GET", f"/v1/voices/{voice['id']}/clips/1")
+        self.assertEqual((status, headers["Content-Type"], recorded[:4], recorded[8:16]),
+                         (200, "audio/wav", b"RIFF", b"WAVEfmt "))
+        self.assertGreater(voice["clips"][1]["duration_ms"], 1000)
         row = f"tr[data-voice='{voice['id']}']"
         page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, row), "the new voice in the list")
         page.find(row + " td.clips button").click()
@@ -312,7 +341,7 @@ class ConsoleTest(unittest.TestCase):
             time.sleep(0.3)  # the view's first answers
             page.shot(f"{view}-zh")
         Select(page.find("#language")).select_by_value("en")
-        self.driver.set_window_size(390, 844)
+        page.viewport(390, 844)
         try:
             for view in VIEWS:
                 page.open(view)
@@ -321,7 +350,7 @@ class ConsoleTest(unittest.TestCase):
                 self.assertLessEqual(self.driver.execute_script("return document.documentElement.scrollWidth"),
                                      self.driver.execute_script("return window.innerWidth"), view)
         finally:
-            self.driver.set_window_size(1280, 800)
+            page.viewport(1280, 800)
 
     def test_keys_on_the_page_asks_once_and_names_the_missing_scope(self):
         self.expected_refusals = (401, 403)
