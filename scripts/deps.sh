@@ -21,6 +21,8 @@ KELVO_PACKAGES=(
   nodejs
   # The browser console's tests: headless Chromium driven by Selenium.
   chromium chromium-driver python3-selenium
+  # Chinese and Japanese glyphs for the console, in the browser and its screenshots.
+  fonts-noto-cjk
 )
 
 missing=()
