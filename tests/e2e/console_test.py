@@ -264,10 +264,15 @@ class ConsoleTest(unittest.TestCase):
         page = self.page
         page.open("prebake")
         page.type("Lines", "\n".join(f"Flight KV {n} now boarding at gate {n}" for n in range(1, 6)))
+        # A sixth line the service cannot speak: it is listed with its reason.
+        self.driver.execute_script("arguments[0].value += '\\n' + 'Gate '.repeat(1001)", page.field("Lines"))
         page.choose("Language", "en")
         page.button("Start pre-bake").click()
         page.wait(lambda: page.text(".percent") == "100 %", "the pre-bake to finish")
-        self.assertRegex(page.text("#view .status"), r"^5 of 5 lines · \d+ lines per minute · finished$")
+        self.assertRegex(page.text("#view .status"), r"^6 of 6 lines · \d+ lines per minute · finished$")
+        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, ".warnings li"), "the failed line")
+        self.assertEqual(page.text(".warnings strong"), "Lines that failed: 1")
+        self.assertRegex(page.text(".warnings li"), r"^“?(Gate )+.*— text is 5004 characters, over the 5000 limit$")
         page.shot("prebake-en")
 
         lines = "".join(f"Final call for flight KV {n} to gate {n % 20}\n" for n in range(60))
