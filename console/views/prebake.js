@@ -94,6 +94,15 @@ export function render(root) {
   }).finally(() => { cancel.disabled = true; }));
 
   root.append(h('p', { class: 'lead' }, t('bake.lead')), form, progress);
+  // A pre-bake started earlier (here, from the command line or by a client)
+  // is still running: follow what is left of it.
+  getJson('/v1/stats').then((stats) => {
+    if (stats.prewarm_pending === 0 || run) return;
+    run = { queued: stats.prewarm_pending, cached: 0, failedBefore: stats.prewarm_failed, started: performance.now() };
+    progress.hidden = false;
+    cancel.disabled = false;
+    watch();
+  }).catch((e) => showError(error, e));
   return () => stopWatching();
 }
 

@@ -283,6 +283,9 @@ class ConsoleTest(unittest.TestCase):
         page.wait(lambda: page.field("Lines").get_attribute("value") == lines, "the file's lines")
         page.button("Start pre-bake").click()
         page.wait(lambda: "about" in page.text("#view .status"), "the time left")
+        page.open("status")  # leaving and coming back: the page picks the running pre-bake up again
+        page.open("prebake")
+        page.wait(lambda: "about" in page.text("#view .status"), "the running pre-bake")
         page.button("Cancel").click()
         page.wait(lambda: page.text("#view .status").startswith("Cancelled:"), "the cancellation")
         self.assertLessEqual(self.srv.json("GET", "/v1/stats")[1]["prewarm_pending"], 1)
@@ -345,6 +348,11 @@ class ConsoleTest(unittest.TestCase):
             page.open(view)
             time.sleep(0.3)  # the view's first answers
             page.shot(f"{view}-zh")
+            unnamed = self.driver.execute_script(
+                "return [...document.querySelectorAll('main input, main select, main textarea, main button')]"
+                ".filter(e => !e.labels?.length && !e.getAttribute('aria-label') && !e.textContent.trim())"
+                ".map(e => e.outerHTML)")
+            self.assertEqual(unnamed, [], f"controls without a name in {view}")
         Select(page.find("#language")).select_by_value("en")
         page.viewport(390, 844)
         try:
