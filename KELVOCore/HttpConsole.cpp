@@ -1,5 +1,7 @@
 #include "KELVOCore/HttpConsole.h"
 
+#include <algorithm>
+
 #include "KELVOCore/ConsoleFiles.h"
 #include "KELVOCore/I18n.h"
 

@@ -445,6 +445,8 @@ void TtsHttpService::addRoutes() {
                        .responseSchema = object({{"removed", "string"}}),
                        .errors = {{404, {"not_found"}}}}});
 
+  // The console's own files are constant bytes in memory: a page load (some
+  // fifteen of them) must not eat into a rate limit meant for the API calls.
   for (const char* path : {"/", "/console"}) {
     routes_.add({.method = "GET",
                  .pattern = path,
@@ -453,7 +455,8 @@ void TtsHttpService::addRoutes() {
                  .doc = {.summary = "Redirect to the browser console",
                          .responseType = "",
                          .status = 302,
-                         .responseHeaders = {"Location"}}});
+                         .responseHeaders = {"Location"}},
+                 .unthrottled = true});
   }
   const RouteDoc consoleDoc{.summary = "The browser console: HTML, CSS and ES modules built into the binary",
                             .description = "It calls only the /v1 API, with the key the user gives it.",
@@ -465,12 +468,14 @@ void TtsHttpService::addRoutes() {
                .pattern = "/console/",
                .scope = Scope::open,
                .handler = [](R r, P) { return consoleFile(r, ""); },
-               .doc = consoleDoc});
+               .doc = consoleDoc,
+               .unthrottled = true});
   routes_.add({.method = "GET",
                .pattern = "/console/{file}",
                .scope = Scope::open,
                .handler = [](R r, P p) { return consoleFile(r, p.at("file")); },
-               .doc = consoleDoc});
+               .doc = consoleDoc,
+               .unthrottled = true});
 }
 
 void TtsHttpService::setHubStore(std::shared_ptr<HubStore> hub) {

@@ -8,7 +8,7 @@ import { genderOptions, languageOptions } from './choices.js';
 
 export const id = 'prebake';
 
-const pollMs = 500;
+const pollMs = 1000;
 
 export function render(root) {
   const lines = h('textarea', { rows: 8, spellcheck: 'false' });

@@ -6,7 +6,7 @@ import { t } from '../i18n.js';
 
 export const id = 'status';
 
-const refreshMs = 2000;
+const refreshMs = 3000;
 
 export function render(root) {
   const facts = h('dl', { class: 'facts wide' });
