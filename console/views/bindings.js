@@ -46,8 +46,9 @@ function table(kind, bindings, voiceOptions, reload) {
       await reload();
     }));
     return h('tr', { 'data-key': b.key },
-      airline ? h('td', {}, h('strong', { class: 'code' }, b.airline)) : null,
-      h('td', {}, languageName(b.language)), h('td', {}, genderName(b.gender)),
+      airline ? h('td', { 'data-label': t('common.airline') }, h('strong', { class: 'code' }, b.airline)) : null,
+      h('td', { 'data-label': t('common.language') }, languageName(b.language)),
+      h('td', { 'data-label': t('common.gender') }, genderName(b.gender)),
       h('td', {}, voice), h('td', {}, save, line));
   });
 
@@ -76,7 +77,7 @@ function table(kind, bindings, voiceOptions, reload) {
   return h('section', { class: 'card', 'aria-labelledby': titleId },
     h('h3', { id: titleId }, title),
     h('p', { class: 'hint' }, airline ? t('bind.airlinesHint') : t('bind.defaultsHint')),
-    rows.length ? h('div', { class: 'table-wrap' }, h('table', {},
+    rows.length ? h('div', { class: 'table-wrap' }, h('table', { class: 'stack' },
       h('thead', {}, h('tr', {}, heads.map((x) => h('th', { scope: 'col' }, x)))), h('tbody', {}, rows)))
       : h('p', {}, t('bind.none')),
     h('h4', {}, airline ? t('bind.addAirline') : t('bind.addDefault')), form);

@@ -55,13 +55,13 @@ export function render(root) {
       });
       return h('tr', { 'data-voice': voice.id },
         h('td', {}, h('strong', {}, voice.display || voice.id), h('br'), h('code', {}, voice.id)),
-        h('td', {}, voice.kind === 'cloned' ? t('voices.cloned') : t('voices.profile')),
-        h('td', {}, languageName(voice.language || 'auto')),
-        h('td', {}, genderName(voice.gender)),
-        h('td', { class: 'clips' }, clips.length ? clips : '—'),
+        h('td', { 'data-label': t('voices.kind') }, voice.kind === 'cloned' ? t('voices.cloned') : t('voices.profile')),
+        h('td', { 'data-label': t('common.language') }, languageName(voice.language || 'auto')),
+        h('td', { 'data-label': t('common.gender') }, genderName(voice.gender)),
+        h('td', { class: 'clips', 'data-label': t('voices.clips') }, clips.length ? clips : '—'),
         h('td', {}, remove, line));
     });
-    list.replaceChildren(voices.length === 0 ? h('p', {}, t('voices.none')) : h('table', {},
+    list.replaceChildren(voices.length === 0 ? h('p', {}, t('voices.none')) : h('table', { class: 'stack' },
       h('caption', {}, t('voices.library', { n: voices.length })),
       h('thead', {}, h('tr', {}, [t('voices.name'), t('voices.kind'), t('common.language'), t('common.gender'),
         t('voices.clips'), t('voices.actions')].map((name) => h('th', { scope: 'col' }, name)))),
