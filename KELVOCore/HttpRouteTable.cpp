@@ -4,7 +4,9 @@
 // document follow from the row. Scopes: `speak` for what an announcement
 // player needs (synthesis, listings, statistics, metrics, self-check),
 // `admin` for everything that changes state, `open` only for health, the
-// document itself and the hub (which has its own delete keys).
+// document itself, the browser console's static files (every /v1 call the
+// page makes carries the key) and the hub (which has its own delete keys).
+#include "KELVOCore/HttpConsole.h"
 #include "KELVOCore/HttpOpenAi.h"
 #include "KELVOCore/HttpRoutes.h"
 #include "KELVOCore/OpenApi.h"
@@ -131,7 +133,9 @@ void TtsHttpService::addRoutes() {
                                     {"engine_exe", "string"},
                                     {"compute", "string"},
                                     {"voices", "integer"},
-                                    {"output_sample_rate", "integer"}});
+                                    {"output_sample_rate", "integer"},
+                                    {"gpu", "string"},
+                                    {"ui_language", Json{{"enum", Json::array({"zh", "ja", "en"})}}}});
   for (const char* path : {"/v1/health", "/health"}) {
     routes_.add({.method = "GET",
                  .pattern = path,
@@ -350,6 +354,16 @@ void TtsHttpService::addRoutes() {
                        .errors = {{400, {"bad_json", "bad_audio"}},
                                   {413, {"body_too_large"}},
                                   {500, {"clone_failed"}}}}});
+  // Before the {id} rows, whose last parameter would take "ID/clips/N" whole.
+  routes_.add({.method = "GET",
+               .pattern = "/v1/voices/{id}/clips/{n}",
+               .scope = Scope::speak,
+               .handler = [this](R, P p) { return voiceClip(p.at("id"), p.at("n")); },
+               .doc = {.summary = "One reference clip of a voice, as stored",
+                       .description = "n counts from 0 in the order of the voice's \"clips\". The answer is WAV, "
+                                      "MP3 or Ogg, with that content type.",
+                       .responseType = "audio/wav",
+                       .errors = {{404, {"not_found"}}}}});
   routes_.add({.method = "POST", .pattern = "/v1/voices/{id}"});
   routes_.add({.method = "GET",
                .pattern = "/v1/voices/{id}",
@@ -430,6 +444,38 @@ void TtsHttpService::addRoutes() {
                .doc = {.summary = "Revoke an API key at once",
                        .responseSchema = object({{"removed", "string"}}),
                        .errors = {{404, {"not_found"}}}}});
+
+  // The console's own files are constant bytes in memory: a page load (some
+  // fifteen of them) must not eat into a rate limit meant for the API calls.
+  for (const char* path : {"/", "/console"}) {
+    routes_.add({.method = "GET",
+                 .pattern = path,
+                 .scope = Scope::open,
+                 .handler = [](R, P) { return consoleRedirect(); },
+                 .doc = {.summary = "Redirect to the browser console",
+                         .responseType = "",
+                         .status = 302,
+                         .responseHeaders = {"Location"}},
+                 .unthrottled = true});
+  }
+  const RouteDoc consoleDoc{.summary = "The browser console: HTML, CSS and ES modules built into the binary",
+                            .description = "It calls only the /v1 API, with the key the user gives it.",
+                            .responseType = "text/html",
+                            .responseHeaders = consoleHeaderNames(),
+                            .notModified = true,
+                            .errors = {{404, {"not_found"}}}};
+  routes_.add({.method = "GET",
+               .pattern = "/console/",
+               .scope = Scope::open,
+               .handler = [](R r, P) { return consoleFile(r, ""); },
+               .doc = consoleDoc,
+               .unthrottled = true});
+  routes_.add({.method = "GET",
+               .pattern = "/console/{file}",
+               .scope = Scope::open,
+               .handler = [](R r, P p) { return consoleFile(r, p.at("file")); },
+               .doc = consoleDoc,
+               .unthrottled = true});
 }
 
 void TtsHttpService::setHubStore(std::shared_ptr<HubStore> hub) {

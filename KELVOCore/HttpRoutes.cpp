@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "KELVOCore/Gpu.h"
 #include "KELVOCore/HttpOpenAi.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
@@ -296,7 +297,9 @@ HttpResponse TtsHttpService::health() {
                                       {"engine_exe", h.exePath},
                                       {"compute", std::string(code(config.engine().compute))},
                                       {"voices", service_->voices().count()},
-                                      {"output_sample_rate", config.outputSampleRate()}});
+                                      {"output_sample_rate", config.outputSampleRate()},
+                                      {"gpu", gpuInfo().display()},
+                                      {"ui_language", std::string(code(uiLang()))}});
 }
 
 HttpResponse TtsHttpService::stats() {

@@ -85,9 +85,9 @@ class TtsHttpService {
 
   // The answer to one request. Never throws.
   HttpResponse dispatch(const HttpRequest& request);
-  // The same answer for what never waits: health, and without a rate limit a
-  // /v1/tts or /v1/audio/speech line that is a plain cache hit (in WAV or a
-  // stored variant). nullopt for everything else.
+  // The same answer for what never waits: health, the console's files, and
+  // without a rate limit a /v1/tts or /v1/audio/speech line that is a plain
+  // cache hit (in WAV or a stored variant). nullopt for everything else.
   std::optional<HttpResponse> quickDispatch(const HttpRequest& request);
 
  private:
@@ -137,6 +137,7 @@ class TtsHttpService {
   HttpResponse bindings(const HttpRequest& request, bool airlines);
   HttpResponse listVoices();
   HttpResponse getVoice(const std::string& id);
+  HttpResponse voiceClip(const std::string& id, const std::string& index);
   HttpResponse cloneVoice(const HttpRequest& request);
   HttpResponse removeVoice(const std::string& id);
   HttpResponse exportPack(const HttpRequest& request);

@@ -2,7 +2,9 @@
 // (list, clone, remove) and the airline and default-voice bindings.
 #include <algorithm>
 
+#include "KELVOCore/AudioDecode.h"
 #include "KELVOCore/Base64.h"
+#include "KELVOCore/Files.h"
 #include "KELVOCore/HttpRoutes.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
@@ -105,6 +107,26 @@ HttpResponse TtsHttpService::listVoices() {
 HttpResponse TtsHttpService::getVoice(const std::string& id) {
   const std::optional<VoiceInfo> voice = service_->voices().find(id);
   return voice ? HttpResponse::json(200, voiceToJson(*voice)) : noSuchVoice(id);
+}
+
+HttpResponse TtsHttpService::voiceClip(const std::string& id, const std::string& index) {
+  const std::optional<VoiceInfo> voice = service_->voices().find(id);
+  if (!voice) return noSuchVoice(id);
+  const bool digits = !index.empty() && index.size() < 6 &&
+                      std::all_of(index.begin(), index.end(), [](char c) { return c >= '0' && c <= '9'; });
+  const std::size_t n = digits ? std::stoul(index) : voice->clips.size();
+  if (n >= voice->clips.size()) return HttpResponse::error(404, "not_found", T("这个音色没有这段参考音频:") + index);
+  const std::string path = service_->voices().clipPath(voice->clips[n]);
+  std::optional<Bytes> audio = path.empty() ? std::nullopt : readFile(path);
+  if (!audio) return HttpResponse::error(404, "not_found", T("这个音色没有这段参考音频:") + index);
+  const std::string extension = sniffExtension(*audio);
+  HttpResponse r;
+  r.headers["Content-Type"] = extension == ".mp3"   ? "audio/mpeg"
+                              : extension == ".ogg" ? "audio/ogg"
+                              : extension == ".wav" ? "audio/wav"
+                                                    : "application/octet-stream";
+  r.body = std::move(*audio);
+  return r;
 }
 
 HttpResponse TtsHttpService::removeVoice(const std::string& id) {

@@ -260,6 +260,7 @@ void addHttpApi(std::unordered_map<std::string, JaEn>& t) {
   t["%s 不能用在这个路径上"] = {"%s はこのパスでは使えません", "%s is not allowed on this path"};
   t["请求体不是合法的 JSON"] = {"リクエスト本文が正しい JSON ではありません", "request body is not valid JSON"};
   t["没有这个路径:"] = {"そのパスはありません: ", "no such path: "};
+  t["这个音色没有这段参考音频:"] = {"この音声にその参照音声はありません: ", "this voice has no such reference clip: "};
   t["超过了每分钟 %d 次请求的上限"] = {"1 分間 %d リクエストの上限を超えました",
                                    "over the limit of %d requests per minute"};
   t["没有这个音色:"] = {"その音声はありません: ", "no such voice: "};

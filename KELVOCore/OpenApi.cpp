@@ -1,5 +1,6 @@
 #include "KELVOCore/OpenApi.h"
 
+#include <algorithm>
 #include <set>
 
 #include "KELVOCore/Version.h"
@@ -58,13 +59,19 @@ Json operation(const Route& route, const std::string& method) {
   if (!doc.responseHeaders.empty()) ok["headers"] = headersJson(doc.responseHeaders);
   // A row whose usual answer is not JSON but has a schema answers JSON on request too.
   const bool json = doc.responseType.rfind("application/json", 0) == 0;
-  ok["content"] = Json{{doc.responseType, json && !doc.responseSchema.is_null() ? Json{{"schema", doc.responseSchema}}
-                                                                                : Json::object()}};
+  if (!doc.responseType.empty()) {
+    ok["content"] = Json{{doc.responseType, json && !doc.responseSchema.is_null() ? Json{{"schema", doc.responseSchema}}
+                                                                                  : Json::object()}};
+  }
   if (!json && !doc.responseSchema.is_null()) ok["content"]["application/json"] = Json{{"schema", doc.responseSchema}};
-  Json responses{{"200", std::move(ok)}};
+  Json responses{{std::to_string(doc.status), std::move(ok)}};
   if (doc.notModified) {
+    // A 304 repeats the tag, and the result marker of the rows that send one.
+    std::vector<std::string> notModifiedHeaders{"ETag"};
+    const auto& sent = doc.responseHeaders;
+    if (std::find(sent.begin(), sent.end(), "X-KELVO-Result") != sent.end()) notModifiedHeaders.push_back("X-KELVO-Result");
     responses["304"] = Json{{"description", "Not Modified: the If-None-Match tag is the current one"},
-                            {"headers", headersJson({"ETag", "X-KELVO-Result"})}};
+                            {"headers", headersJson(notModifiedHeaders)}};
   }
 
   std::map<int, std::vector<std::string>> errors = doc.errors;

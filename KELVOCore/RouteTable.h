@@ -50,8 +50,9 @@ struct RouteDoc {
   Json requestSchema{};  // null: no body
   std::string requestType = "application/json";
   Json responseSchema{};  // the 200 body's JSON schema (also when JSON is the alternative answer)
-  std::string responseType = "application/json";
-  std::vector<std::string> responseHeaders{};  // sent with a 200 (and a 304 when notModified)
+  std::string responseType = "application/json";  // empty: the answer has no body (a redirect)
+  int status = 200;                                // the answer when all goes well
+  std::vector<std::string> responseHeaders{};  // sent with that answer (and a 304 when notModified)
   bool notModified = false;                  // may answer 304 to If-None-Match
   std::map<int, std::vector<std::string>> errors{};  // status -> the "error" codes it can carry
   // The schema of this row's error bodies given their codes; empty: {"error","message"}.

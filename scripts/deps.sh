@@ -19,6 +19,10 @@ KELVO_PACKAGES=(
   # Independent decoders the round-trip tests check the encoders against.
   mpg123 opus-tools flac sox
   nodejs
+  # The browser console's tests: headless Chromium driven by Selenium.
+  chromium chromium-driver python3-selenium
+  # Chinese and Japanese glyphs for the console, in the browser and its screenshots.
+  fonts-noto-cjk
 )
 
 missing=()

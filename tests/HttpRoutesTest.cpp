@@ -252,6 +252,7 @@ TEST_F(HttpRoutesTest, RateLimitIsAFixedPeriodPerPeer) {
   EXPECT_EQ(limited.headers.at("Retry-After"), "60");
   EXPECT_EQ(jStr(body(limited), "message"), "over the limit of 2 requests per minute");
   EXPECT_EQ(call("GET", "/v1/health").status, 200) << "health is never throttled";
+  EXPECT_EQ(call("GET", "/console/main.js").status, 200) << "nor are the console's files";
   peer = "10.0.0.8";
   EXPECT_EQ(call("GET", "/v1/stats").status, 200) << "another client has its own period";
   peer = "10.0.0.7";
@@ -259,6 +260,31 @@ TEST_F(HttpRoutesTest, RateLimitIsAFixedPeriodPerPeer) {
   EXPECT_EQ(call("GET", "/v1/stats").status, 429);
   now += 1s;
   EXPECT_EQ(call("GET", "/v1/stats").status, 200) << "a new period starts after 60 s";
+}
+
+// The console's files: the tag a browser holds, in any of its spellings or
+// among others, gets 304; every answer carries the page's policy; only the
+// embedded names exist.
+TEST_F(HttpRoutesTest, ConsoleFilesRevalidateByTag) {
+  const HttpResponse page = call("GET", "/console/");
+  ASSERT_EQ(page.status, 200);
+  const std::string tag = page.headers.at("ETag");
+  const std::string bare = tag.substr(1, tag.size() - 2);
+  const std::vector<std::pair<std::string, std::int64_t>> cases{
+      {tag, 304}, {"W/" + tag, 304}, {bare, 304}, {"\"old\" , " + tag, 304}, {"*", 304},
+      {"\"old\"", 200}, {"", 200}, {"\"" + bare.substr(1) + "\"", 200}};
+  for (const auto& [held, status] : cases) {
+    const HttpResponse r = call("GET", "/console/index.html", {}, {{"If-None-Match", held}});
+    EXPECT_EQ(r.status, status) << held;
+    EXPECT_EQ(r.headers.at("ETag"), tag) << held;
+    EXPECT_EQ(r.body.empty(), status == 304) << held;
+    EXPECT_NE(r.headers.at("Content-Security-Policy").find("frame-ancestors 'none'"), std::string::npos);
+  }
+  for (const char* missing : {"/console/../README.md", "/console/INDEX.html", "/console/views/", "/console/x.js"}) {
+    const HttpResponse r = call("GET", missing);
+    EXPECT_EQ(r.status, 404) << missing;
+    EXPECT_EQ(r.headers.at("X-Content-Type-Options"), "nosniff") << missing;
+  }
 }
 
 // The hub's path exists only with a store attached, in any case, and counts

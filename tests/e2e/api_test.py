@@ -3,6 +3,7 @@
 its answers held to the OpenAPI document, API keys and scopes with the local
 command line working throughout, and /metrics read by Prometheus's own parser."""
 import base64
+import http.client
 import json
 import os
 import socket
@@ -78,6 +79,11 @@ class ApiTest(unittest.TestCase):
             self.assertEqual(js("POST", "/v1/voices/clone", {"audio": "!!"})[1]["error"], "bad_audio")
             self.assertIn(voice["id"], [v["id"] for v in js("GET", "/v1/voices")[1]["voices"]])
             self.assertEqual(js("GET", f"/v1/voices/{voice['id']}")[1]["display"], "Anna")
+            status, headers, stored = req("GET", f"/v1/voices/{voice['id']}/clips/0")
+            self.assertEqual((status, headers["Content-Type"], stored[:4]), (200, "audio/wav", b"RIFF"))
+            for missing in (f"/v1/voices/{voice['id']}/clips/1", f"/v1/voices/{voice['id']}/clips/x",
+                            "/v1/voices/ghost/clips/0"):
+                self.assertEqual(js("GET", missing)[1]["error"], "not_found", missing)
             self.assertEqual(js("GET", "/v1/voices/ghost")[0], 404)
             for path, extra in (("/v1/airlines", {"airline": "KVO"}), ("/v1/defaults", {})):
                 self.assertEqual(js("PUT", path, dict(extra, language="en", voice=voice["id"]))[0], 200)
@@ -126,6 +132,27 @@ class ApiTest(unittest.TestCase):
             for method, path, status in (("GET", "/v1/nothing", 404), ("PUT", "/v1/stats", 405), ("GET", "/v1/cache", 404),
                                          ("POST", "/v1/voices/ghost", 404), ("GET", "/v1/packs/export", 405)):
                 self.assertEqual(req(method, path)[0], status, path)
+
+            # The browser console: "/" and "/console" send a browser on (urllib would follow, so
+            # plain http.client); its files carry a tag that answers 304 and a policy without inline script.
+            for path in ("/", "/console"):
+                connection = http.client.HTTPConnection("127.0.0.1", srv.port, timeout=10)
+                connection.request("GET", path)
+                answer = connection.getresponse()
+                srv.contract.check("GET", path, answer.status, answer.headers, answer.read())
+                self.assertEqual((answer.status, answer.headers["Location"]), (302, "/console/"), path)
+                connection.close()
+            status, headers, page = req("GET", "/console/")
+            self.assertEqual((status, headers["Content-Type"]), (200, "text/html; charset=utf-8"))
+            self.assertIn(b'<script type="module" src="main.js">', page)
+            policy = headers["Content-Security-Policy"]
+            self.assertIn("default-src 'self'", policy)
+            self.assertIn("frame-ancestors 'none'", policy)
+            self.assertNotIn("unsafe-inline", policy)
+            status, headers, _ = req("GET", "/console/views/speak.js")
+            self.assertEqual((status, headers["Content-Type"]), (200, "text/javascript; charset=utf-8"))
+            self.assertEqual(req("GET", "/console/views/speak.js", None, {"If-None-Match": headers["ETag"]})[0], 304)
+            self.assertEqual(req("GET", "/console/views/SPEAK.js")[0], 404)
 
             self.assertEqual(srv.contract.operations() - srv.contract.reached, set())
             self.assertGreater(srv.contract.checked, 40)  # the JSON answers above, each validated
