@@ -23,7 +23,7 @@ from selenium.webdriver.chrome.service import Service  # noqa: E402
 from selenium.webdriver.common.by import By  # noqa: E402
 from selenium.webdriver.support.ui import Select, WebDriverWait  # noqa: E402
 
-from serve_test import KELVO, Server, free_port, install_engine_double, tone_wav  # noqa: E402
+from serve_test import KELVO, Server, free_port, serve_with_engine_double, tone_wav  # noqa: E402
 
 SHOTS = os.path.join(os.path.dirname(os.path.abspath(KELVO)), "console-screenshots")
 VIEWS = ("speak", "voices", "bindings", "prebake", "status", "packs")
@@ -145,17 +145,8 @@ class ConsoleTest(unittest.TestCase):
         shutil.rmtree(SHOTS, ignore_errors=True)  # only this run's pictures, none left from an older page
         cls.home = tempfile.mkdtemp(prefix="kelvo-console-")
         cls.downloads = os.path.join(cls.home, "downloads")
-        install_engine_double(cls.home)
-        os.environ["S2_DOUBLE_SYNTH_MS"] = "150"
+        cls.srv = serve_with_engine_double(cls.home, 150)
         try:
-            cls.srv = Server(cls.home, free_port())
-        finally:
-            del os.environ["S2_DOUBLE_SYNTH_MS"]
-        try:
-            deadline = time.monotonic() + 30
-            while not cls.srv.json("GET", "/v1/health")[1]["engine_ready"]:
-                assert time.monotonic() < deadline, "the engine double never became ready:\n" + cls.srv.stderr()
-                time.sleep(0.1)
             cls.driver = start_browser(cls.downloads)
         except BaseException:
             cls.srv.stop()

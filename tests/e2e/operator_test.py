@@ -17,8 +17,8 @@ import unittest
 
 os.environ.setdefault("KELVO_BIN", sys.argv.pop(1))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from serve_test import (KELVO, Server, free_port, install_engine_double, kelvo_env,  # noqa: E402
-                        run_kelvo, tone_wav)
+from serve_test import (KELVO, free_port, kelvo_env, run_kelvo, serve_with_engine_double,  # noqa: E402
+                        tone_wav)
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 COMPLETION = os.path.join(ROOT, "KELVOServer", "completion", "kelvo.bash")
@@ -29,18 +29,8 @@ class OperatorTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.home = tempfile.mkdtemp(prefix="kelvo-ops-")
-        install_engine_double(cls.home)
         # 150 ms a line: long enough to catch a pre-bake in the middle.
-        os.environ["S2_DOUBLE_SYNTH_MS"] = "150"
-        try:
-            cls.srv = Server(cls.home, free_port())
-        finally:
-            del os.environ["S2_DOUBLE_SYNTH_MS"]
-        deadline = time.monotonic() + 30
-        while not cls.srv.json("GET", "/v1/health")[1]["engine_ready"]:
-            if time.monotonic() > deadline:
-                raise AssertionError("the engine double never became ready:\n" + cls.srv.stderr())
-            time.sleep(0.1)
+        cls.srv = serve_with_engine_double(cls.home, 150)
         cls.url = f"http://127.0.0.1:{cls.srv.port}"
 
     @classmethod

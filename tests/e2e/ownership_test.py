@@ -14,7 +14,7 @@ import time
 import unittest
 
 import serve_test
-from serve_test import KELVO, Server, free_port, install_engine_double, run_kelvo
+from serve_test import KELVO, Server, free_port, run_kelvo, serve_with_engine_double
 
 
 
@@ -114,17 +114,8 @@ class OwnershipTest(unittest.TestCase):
         self.assertEqual(left, [os.path.basename(kept)])
 
     def test_first_requests_for_a_new_language_share_one_default_voice(self):
-        install_engine_double(self.home)
-        srv = Server(self.home, free_port(), env={"S2_DOUBLE_SYNTH_MS": "700", "KELVO_ENGINE_DIR": None})
+        srv = serve_with_engine_double(self.home, 700)
         try:
-            # The engine takes the first free port from 17151 on, which other services on this machine share.
-            deadline = time.monotonic() + 90
-            while not (health := srv.json("GET", "/v1/health")[1])["engine_ready"]:
-                if time.monotonic() > deadline:
-                    with open(os.path.join(self.home, "logs", "s2-engine.log"), errors="replace") as f:
-                        self.fail(f"the engine double never became ready: {health['engine_detail']}\n{f.read()[-2000:]}")
-                time.sleep(0.1)
-
             def first_request(delay):
                 time.sleep(delay)
                 return srv.request("POST", "/v1/tts", {"text": "登机口已更改", "language": "zh", "gender": "female"})

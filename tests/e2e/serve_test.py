@@ -132,6 +132,23 @@ class Server:
         return self.log.read()
 
 
+def serve_with_engine_double(home, synth_ms, *extra, env=None):
+    """`kelvo serve` on `home` with the s2 double as its engine, taking `synth_ms` a line,
+    once the engine is ready. It takes the first free port from 17151 on, which other
+    services on this machine share, hence the long wait."""
+    install_engine_double(home)
+    srv = Server(home, free_port(), *extra, env=dict(env or {}, S2_DOUBLE_SYNTH_MS=str(synth_ms), KELVO_ENGINE_DIR=None))
+    deadline = time.monotonic() + 90
+    while not (health := srv.json("GET", "/v1/health")[1])["engine_ready"]:
+        if time.monotonic() > deadline:
+            srv.stop()
+            with open(os.path.join(home, "logs", "s2-engine.log"), errors="replace") as f:
+                raise AssertionError(f"the engine double never became ready: {health['engine_detail']}\n"
+                                     f"{f.read()[-2000:]}\n{srv.stderr()}")
+        time.sleep(0.1)
+    return srv
+
+
 class ServeTest(unittest.TestCase):
     def setUp(self):
         self.home = tempfile.mkdtemp(prefix="kelvo-e2e-")
