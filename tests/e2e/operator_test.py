@@ -4,7 +4,6 @@ the inference double as its engine, so a synthesis takes as long as the test
 wants) and the `kelvo` commands typed wrongly, fed bad clips and bad lines,
 interrupted, and asked to clear the cache on a terminal."""
 import base64
-import json
 import os
 import pty
 import shutil
