@@ -20,8 +20,10 @@
 // apart. One writer thread stores the lines handed to `putLater`.
 // Cost: a hit is a hash lookup plus open() and fstat(); reading its bytes is
 // the caller's choice. A store is one atomic file write with fsync plus, at most
-// once every 2 s, an index write of O(entries); start reads the index while a
-// second thread lists the directory, O(entries + files).
+// once every 2 s, an index write of O(entries). Opening reads the index alone,
+// O(entries); the writer thread then lists the directory, drops entries whose
+// clip is gone and adopts unknown clips, O(entries + files), before its first
+// store.
 #pragma once
 
 #include <atomic>
@@ -30,7 +32,6 @@
 #include <deque>
 #include <functional>
 #include <cstdint>
-#include <future>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -114,9 +115,11 @@ class DiskFloor {
 class WavCache {
  public:
   // Opens the cache in `dir` (created when missing): loads "index.json", or
-  // "index.json.bak" when the main index is unusable, then adopts unknown WAV
-  // files. `budgetBytes` below 1 means no limit. Never fails: a cache whose
-  // files cannot be read starts empty.
+  // "index.json.bak" when the main index is unusable; the check of the
+  // directory against it (entries without a clip dropped, unknown WAV files
+  // adopted, the size recounted) follows on the writer thread, see flush().
+  // `budgetBytes` below 1 means no limit. Never fails: a cache whose files
+  // cannot be read starts empty.
   // REQUIRES: `dir` is not empty (it would name the root directory).
   explicit WavCache(std::string dir = KELVOPaths::cacheDir(), std::int64_t budgetBytes = 0,
                     DiskFloor floor = DiskFloor());
@@ -164,7 +167,8 @@ class WavCache {
   // once. A line whose key is already stored by then is not written again.
   // While more than `maxPendingBytes` wait, stores synchronously instead.
   void putLater(const std::string& key, TtsResult result, std::string text);
-  // Returns once every line handed to putLater() before the call is stored (or failed).
+  // Returns once the directory check that follows opening is done and every
+  // line handed to putLater() before the call is stored (or failed).
   void flush();
   // Drops one entry and deletes its file.
   void remove(const std::string& key);
@@ -194,13 +198,12 @@ class WavCache {
   };
   using Items = std::unordered_map<std::string, CacheEntry, KeyHash, std::equal_to<>>;
 
-  // The plain ".wav" files of the directory, listed once at start and sorted
-  // (so orphans get their stamps in name order, not in readdir's).
-  using Listing = std::shared_future<std::vector<std::string>>;
-
-  // Takes the entries of one index file whose files are listed; true when at
-  // least one was taken, and then `orphans` holds the files no entry claimed.
-  bool loadIndex(const std::string& path, const Listing& listing, std::vector<std::string>& orphans);
+  // Takes the entries of one index file, in file order as their recency;
+  // true when at least one was taken. REQUIRES: the constructor running.
+  bool loadIndex(const std::string& path);
+  // Compares the directory with the loaded index (see the constructor); runs
+  // on the writer thread while the cache already serves.
+  void checkDirectory();
   void adoptOrphans(const std::vector<std::string>& orphans);
   // A line waiting for the writer thread.
   struct Pending {

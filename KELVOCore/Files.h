@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
@@ -89,9 +90,11 @@ class TempFile {
 
 // Removes from `dir` (not its sub-folders) the temporary files of
 // writeFileAtomic() whose writer died before its rename: those named for a
-// pid that is not alive, or for this process itself (an earlier life of the
-// same pid, as in a container). Returns the names removed.
-// REQUIRES: this process has not started writing in `dir`.
-std::vector<std::string> removeOrphanedTempFiles(const std::string& dir);
+// pid that is not alive, or for this process itself but last written more
+// than a second before `startedAt`, this process's start (an earlier life of
+// the same pid, as in a container; one that died within that second is left
+// for the next start). So it may run while this process writes in `dir`.
+// Returns the names removed.
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir, std::filesystem::file_time_type startedAt);
 
 }  // namespace kelvo

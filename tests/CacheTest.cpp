@@ -123,10 +123,17 @@ TEST(WavCacheTest, StoresServesAndCounts) {
     EXPECT_FALSE(cache.contains("K2"));
     EXPECT_FALSE(fs::exists(dir.path() + "K2.wav"));
     EXPECT_EQ(cache.stats().bytes, 600);
+    cache.put("K5", line(200), "deleted by hand while the service is down");
   }
-  // The index held back by throttling is written on the way out.
+  // The index held back by throttling is written on the way out. It is
+  // trusted at first; the directory check then drops the line whose clip went.
+  fs::remove(dir.path() + "K5.wav");
+  AppLog::clear();
   WavCache reopened(dir.path());
-  EXPECT_EQ(reopened.stats().count, 1);
+  EXPECT_FALSE(reopened.lookup("K5", true));
+  reopened.flush();
+  EXPECT_EQ(std::make_tuple(reopened.stats().count, reopened.stats().bytes), std::make_tuple(1, 600));
+  EXPECT_EQ(logged(LogLevel::info, "cache loaded"), "cache loaded: 1 entries / 0.0 MB from " + dir.path());
   const auto again = reopened.tryGet("K1");
   ASSERT_TRUE(again);
   EXPECT_EQ(again->voiceId, "v1");
@@ -175,6 +182,7 @@ TEST(WavCacheTest, RecoversFromTheBackupThenFromOrphans) {
   fs::remove(index);
   {
     WavCache cache(dir.path());
+    cache.flush();  // the directory check that adopts
     EXPECT_EQ(logged(LogLevel::warn, "main"), "main cache index was unusable, recovered from the backup");
     EXPECT_EQ(logged(LogLevel::info, "adopted"), "adopted 1 cached clip(s) that the index did not know about");
     EXPECT_EQ(cache.tryGet("A")->voiceId, "v1");
@@ -188,6 +196,7 @@ TEST(WavCacheTest, RecoversFromTheBackupThenFromOrphans) {
   fs::remove(index);
   fs::remove(backup);
   WavCache cache(dir.path());
+  cache.flush();
   EXPECT_EQ(logged(LogLevel::info, "adopted"), "adopted 2 cached clip(s) that the index did not know about");
   EXPECT_EQ(logged(LogLevel::info, "cache loaded"), "cache loaded: 2 entries / 0.0 MB from " + dir.path());
   EXPECT_EQ(cache.tryGet("A")->voiceId, "");
@@ -365,6 +374,7 @@ TEST(WavCacheTest, VariantsLiveAndDieWithTheirLine) {
   }
   fs::remove(dir.path() + "A.opus");
   WavCache cache(dir.path(), 2000);
+  cache.flush();
   EXPECT_EQ(cache.stats().bytes, 900);  // the variant whose file went is forgotten
   EXPECT_TRUE(cache.hasVariant("A", "A.mp3"));
   EXPECT_FALSE(cache.hasVariant("A", "A.opus"));
