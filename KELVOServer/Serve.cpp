@@ -21,6 +21,7 @@
 #include "KELVOCore/HubStore.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
+#include "KELVOCore/Memory.h"
 #include "KELVOCore/Paths.h"
 #include "KELVOCore/Service.h"
 #include "KELVOServer/Client.h"
@@ -64,6 +65,7 @@ void removeOrphanedTemps(std::filesystem::file_time_type startedAt) {
 
 int serve(const ServeOptions& options) {
   const auto startedAt = std::filesystem::file_time_type::clock::now();
+  keepLineBuffersInHeap();
   // The stop signals are blocked before any thread exists, so every thread
   // inherits the mask and only sigwait below ever sees them.
   sigset_t stopSignals;
