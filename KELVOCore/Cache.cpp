@@ -433,8 +433,8 @@ void WavCache::adoptOrphans(const std::vector<std::string>& orphans) {
 std::optional<TtsResult> WavCache::tryGet(const std::string& key) {
   auto hit = find(key, true, true);
   if (!hit) return std::nullopt;
-  if (hit->file.isOpen()) {
-    auto wav = hit->file.readAll();
+  if (hit->file) {
+    auto wav = hit->file->readAll();
     if (!wav) return std::nullopt;  // shrank after it was opened: only a hand can do that
     hit->result.wav = std::move(*wav);
   }
@@ -446,8 +446,8 @@ std::optional<CacheHit> WavCache::lookup(const std::string& key, bool openFile) 
 std::optional<Bytes> WavCache::readAudio(const std::string& key) {
   auto hit = find(key, false, true);
   if (!hit) return std::nullopt;
-  if (!hit->file.isOpen()) return std::move(hit->result.wav);
-  return hit->file.readAll();
+  if (!hit->file) return std::move(hit->result.wav);
+  return hit->file->readAll();
 }
 
 std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bool openFile) {
@@ -465,15 +465,11 @@ std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bo
       if (countUse) ++misses_;
       return std::nullopt;
     } else if (openFile) {
-      // Opened under the lock: eviction unlinks under it too, so the handle is
-      // always the clip this entry describes, and stays readable after an unlink.
-      std::optional<OpenFile> file = OpenFile::open(dir_ + it->second.fileName);
-      if (!file || static_cast<std::int64_t>(file->size()) != it->second.bytes) {
+      hit.file = openClipLocked(key, it->second);
+      if (!hit.file) {
         damaged = it->second.fileName;
         eraseLocked(it);
         if (countUse) ++misses_;
-      } else {
-        hit.file = std::move(*file);
       }
     }
     if (damaged.empty()) {
@@ -507,7 +503,7 @@ std::optional<CacheHit> WavCache::lookupVariant(const std::string& key, const st
     // Opened under the lock for the same reason as the clip itself (find).
     std::optional<OpenFile> file = OpenFile::open(dir_ + name);
     if (file && static_cast<std::int64_t>(file->size()) == variant->second) {
-      hit.file = std::move(*file);
+      hit.file = std::make_shared<const OpenFile>(std::move(*file));
       it->second.stamp = ++clock_;
       ++hits_;
       describe(it->second, hit.result);
@@ -518,7 +514,7 @@ std::optional<CacheHit> WavCache::lookupVariant(const std::string& key, const st
       dirty_ = true;
     }
   }
-  if (!hit.file.isOpen()) {
+  if (!hit.file) {
     AppLog::warn(kSource, "cannot read cached variant (" + name + "), encoding it again");
     return std::nullopt;
   }
@@ -716,6 +712,8 @@ void WavCache::clear() {
   {
     std::lock_guard guard(lock_);
     items_.clear();
+    openClips_.clear();
+    openOrder_.clear();
     pending_.clear();
     pendingBytes_ = 0;
     bytes_ = 0;
@@ -771,7 +769,30 @@ void WavCache::setEnabled(bool enabled) { enabled_ = enabled; }
 
 bool WavCache::isEnabled() const { return enabled_; }
 
+std::shared_ptr<const OpenFile> WavCache::openClipLocked(const std::string& key, const CacheEntry& entry) {
+  const auto kept = openClips_.find(key);
+  if (kept != openClips_.end()) {
+    if (kept->second->unchanged()) return kept->second;
+    openClips_.erase(kept);  // deleted or rewritten behind our back: the path decides
+  }
+  // Opened under the lock: eviction unlinks under it too, so the handle is
+  // always the clip this entry describes, and stays readable after an unlink.
+  std::optional<OpenFile> opened = OpenFile::open(dir_ + entry.fileName);
+  if (!opened || static_cast<std::int64_t>(opened->size()) != entry.bytes) return nullptr;
+  auto clip = std::make_shared<const OpenFile>(std::move(*opened));
+  openClips_.emplace(key, clip);
+  openOrder_.push_back(key);
+  // The order may name a key twice or one already dropped: closing a clip
+  // early only costs its next hit an open().
+  while (openOrder_.size() > kOpenClips) {
+    openClips_.erase(openOrder_.front());
+    openOrder_.pop_front();
+  }
+  return clip;
+}
+
 void WavCache::insertLocked(const std::string& key, CacheEntry entry) {
+  openClips_.erase(key);  // a replaced line's clip is the old audio
   entry.stamp = ++clock_;
   bytes_ += footprint(entry);
   const auto [it, inserted] = items_.try_emplace(key);
@@ -787,6 +808,7 @@ void WavCache::insertLocked(const std::string& key, CacheEntry entry) {
 }
 
 void WavCache::eraseLocked(Items::iterator it) {
+  openClips_.erase(it->first);
   bytes_ -= footprint(it->second);
   deleteFile(dir_ + it->second.fileName);
   for (const auto& [name, size] : it->second.variants) deleteFile(dir_ + name);

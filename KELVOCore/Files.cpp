@@ -117,6 +117,11 @@ OpenFile::~OpenFile() {
   if (fd_ >= 0) ::close(fd_);
 }
 
+bool OpenFile::unchanged() const {
+  struct stat st {};
+  return fd_ >= 0 && ::fstat(fd_, &st) == 0 && st.st_nlink > 0 && static_cast<std::uint64_t>(st.st_size) == size_;
+}
+
 std::optional<std::vector<std::uint8_t>> OpenFile::readAll() const {
   if (fd_ < 0) return std::nullopt;
   // One spare byte: a file that grew since it was opened is not the file we know either.

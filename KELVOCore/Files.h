@@ -41,6 +41,9 @@ class OpenFile {
   int fd() const { return fd_; }
   // The size when it was opened.
   std::uint64_t size() const { return size_; }
+  // Whether the file still has a name and still has that size: one fstat(),
+  // so a handle kept open can be trusted again without opening the path.
+  bool unchanged() const;
   // The whole content by positioned reads; absent when it is not `size()` bytes any more.
   std::optional<std::vector<std::uint8_t>> readAll() const;
   // Fills `out` from `offset`, so a large archive is read one entry at a time
