@@ -1,6 +1,6 @@
 // `kelvo serve`: brings the service up in order (the data root's lock,
 // configuration, voices, cache, queue, engine, then the HTTP listener, whose
-// URL goes into the lock file, while a second thread sweeps the temporary
+// URL goes into the lock file; then a second thread sweeps the temporary
 // files dead writers left),
 // runs until SIGTERM or SIGINT, and takes it down in the reverse order so that
 // waiting requests get a clear answer and the cache index is written.
@@ -85,10 +85,6 @@ int serve(const ServeOptions& options) {
     std::fprintf(stderr, "%s\n", e.message.c_str());
     return 1;
   }
-  std::jthread sweep([startedAt] { removeOrphanedTemps(startedAt); });
-  const auto finishSweep = [&sweep] {
-    if (sweep.joinable()) sweep.join();
-  };
   std::shared_ptr<TtsService> service = TtsService::open();
   TtsHttpService api(service);
   api.setApiKeys(std::make_shared<ApiKeys>(KELVOPaths::dataDir()));
@@ -101,19 +97,20 @@ int serve(const ServeOptions& options) {
     api.start(options.bind, options.port);
   } catch (const TtsError& e) {
     std::fprintf(stderr, "%s\n", e.message.c_str());
-    finishSweep();
     service->shutdown();
     AppLog::drainHandlers();
     return 1;
   }
   ownership->publish(api.endpoint());
   for (const std::string& url : api.allEndpoints()) AppLog::info("serve", "reachable at " + url);
+  // Once the listener is up: the sweep lists every folder, the cache's too.
+  std::jthread sweep([startedAt] { removeOrphanedTemps(startedAt); });
 
   int received = 0;
   sigwait(&stopSignals, &received);
   AppLog::info("serve", std::string("stopping on ") + (received == SIGINT ? "SIGINT" : "SIGTERM"));
   api.stop();
-  finishSweep();
+  sweep.join();
   service->shutdown();
   AppLog::info("serve", "stopped");
   AppLog::drainHandlers();
