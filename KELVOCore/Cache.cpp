@@ -398,7 +398,8 @@ void WavCache::checkDirectory() {
     AppLog::info(kSource, formatText("cache loaded: %zu entries / %.1f MB from %s", items_.size(),
                                      static_cast<double>(bytes_) / 1048576.0, dir_));
     if (dropped > 0) {
-      AppLog::info(kSource, "dropped " + std::to_string(dropped) + " cache entries whose clip is gone");
+      AppLog::info(kSource, "dropped " + std::to_string(dropped) +
+                                " cache entries without a clip of their own (gone, or named by another entry)");
     }
     --writesInFlight_;
   }
