@@ -10,7 +10,7 @@
 #include <charconv>
 #include <cstdio>
 #include <filesystem>
-#include <future>
+#include <tuple>
 
 #include <pthread.h>
 #include <simdjson.h>
@@ -275,32 +275,19 @@ WavCache::WavCache(std::string dir, std::int64_t budgetBytes, DiskFloor floor)
       floor_(std::move(floor)) {
   std::error_code ignored;
   fs::create_directories(dir_, ignored);
-  // Listing a large directory is mostly kernel time and needs nothing from the
-  // index, so it runs while the index is parsed. (Without a spare thread the
-  // default policy runs it on first use instead.) Sorted like the index's keys,
-  // the lookups then meet the entries in the order they were allocated in.
-  const Listing listing = std::async([dir = dir_] {
-                            std::vector<std::string> names;
-                            forEachFile(dir, isPlainWavName, [&names](std::string_view name) { names.emplace_back(name); });
-                            std::sort(names.begin(), names.end());
-                            return names;
-                          }).share();
+  // Only the index is read here; the directory is compared with it by the
+  // writer thread (checkDirectory), so the service answers before a large
+  // cache has been listed. Until then every hit still checks its own file.
   const std::string index = dir_ + std::string(kIndexName);
-  std::vector<std::string> orphans;
-  if (!loadIndex(index, listing, orphans)) {
-    if (loadIndex(dir_ + std::string(kBackupName), listing, orphans)) {
-      AppLog::warn(kSource, "main cache index was unusable, recovered from the backup");
-      // Otherwise the next save would make the damaged file the backup.
-      deleteFile(index);
-    } else {
-      orphans = listing.get();
-    }
+  if (!loadIndex(index) && loadIndex(dir_ + std::string(kBackupName))) {
+    AppLog::warn(kSource, "main cache index was unusable, recovered from the backup");
+    // Otherwise the next save would make the damaged file the backup.
+    deleteFile(index);
   }
-  adoptOrphans(orphans);
-  AppLog::info(kSource, formatText("cache loaded: %zu entries / %.1f MB from %s", items_.size(),
-                                   static_cast<double>(bytes_) / 1048576.0, dir_));
+  writesInFlight_ = 1;  // the check, so that flush() waits for it
   writer_ = std::thread([this] {
     pthread_setname_np(pthread_self(), "KELVO cache io");
+    checkDirectory();
     writerLoop();
   });
 }
@@ -320,11 +307,11 @@ WavCache::~WavCache() {
   if (dirty) saveIndex(true);
 }
 
-// Usable means: one JSON object with at least one entry whose file is here. An
-// index whose every member is damaged is as good as none, and the backup may
-// still know the texts. (An empty index after a clear tries the backup too, but
-// that one only names the files the clear deleted.)
-bool WavCache::loadIndex(const std::string& path, const Listing& listing, std::vector<std::string>& orphans) {
+// Usable means: one JSON object with at least one well-formed entry. An index
+// whose every member is damaged is as good as none, and the backup may still
+// know the texts. (An empty index after a clear tries the backup too, but that
+// one only names the files the clear deleted, which the check then drops.)
+bool WavCache::loadIndex(const std::string& path) {
   std::error_code sizeError;
   const std::uintmax_t size = fs::file_size(path, sizeError);
   if (sizeError || size > kMaxIndexBytes) return false;
@@ -332,58 +319,100 @@ bool WavCache::loadIndex(const std::string& path, const Listing& listing, std::v
   // then works in place instead of copying 30 MB first.
   simdjson::padded_string text;
   if (simdjson::padded_string::load(path).get(text) != simdjson::SUCCESS) return false;
-  // Entries come in unclaimed (stamp 0); listing the directory once claims each
-  // file for the entry that names it, so existence and "one entry per file" cost
-  // one lookup per file. Files named after another key only come from edited
-  // indexes and are looked up on the side.
-  std::unordered_map<std::string, std::string> otherNames;  // file name -> key
   const bool parsed = readIndex(
       text, [this](std::size_t count) { items_.reserve(count); },
-      [this, &otherNames](std::string_view key, CacheEntry&& entry) {
-        const bool namedAfterKey =
-            entry.fileName.size() == key.size() + kWavSuffix.size() && entry.fileName.starts_with(key);
+      [this](std::string_view key, CacheEntry&& entry) {
         const auto [it, fresh] = items_.try_emplace(std::string(key), std::move(entry));
-        if (fresh && !namedAfterKey) otherNames.try_emplace(it->second.fileName, it->first);
+        if (!fresh) return;
+        it->second.stamp = ++clock_;
+        bytes_ += footprint(it->second);
       });
-  if (!parsed) {
-    AppLog::warn(kSource, "cache index is not valid JSON: " + fs::path(path).filename().string());
+  if (!parsed) AppLog::warn(kSource, "cache index is not valid JSON: " + fs::path(path).filename().string());
+  if (items_.empty()) {
+    bytes_ = 0;
     return false;
   }
-  std::vector<std::string> unknown;
-  std::size_t claimed = 0;
-  for (const std::string& name : listing.get()) {
-    auto it = items_.find(std::string_view(name).substr(0, name.size() - kWavSuffix.size()));
-    if ((it == items_.end() || it->second.fileName != name) && !otherNames.empty()) {
-      const auto other = otherNames.find(name);
-      it = other == otherNames.end() ? items_.end() : items_.find(other->second);
-    }
-    if (it == items_.end() || it->second.fileName != name) {
-      unknown.push_back(name);
-      continue;
-    }
-    it->second.stamp = ++clock_;
-    // Variants are few and optional: one whose file is gone is simply forgotten.
-    std::erase_if(it->second.variants, [this](const auto& variant) {
-      std::error_code ec;
-      return static_cast<std::int64_t>(fs::file_size(dir_ + variant.first, ec)) != variant.second || ec;
-    });
-    bytes_ += footprint(it->second);
-    ++claimed;
-  }
-  if (claimed == 0) {
-    items_.clear();
-    return false;
-  }
-  if (claimed < items_.size()) std::erase_if(items_, [](const auto& item) { return item.second.stamp == 0; });
-  orphans = std::move(unknown);
   return true;
 }
 
+void WavCache::checkDirectory() {
+  // Sorted, so orphans get their stamps in name order, not in readdir's.
+  std::vector<std::string> listed;
+  forEachFile(dir_, isPlainWavName, [&listed](std::string_view name) { listed.emplace_back(name); });
+  std::sort(listed.begin(), listed.end());
+  const auto isListed = [&listed](const std::string& name) {
+    return std::binary_search(listed.begin(), listed.end(), name);
+  };
+
+  // Entries whose file is not listed, and variants, are looked at on disk
+  // without the lock; entries stored meanwhile were written before they were
+  // indexed, so a second look under the lock tells a lost file from a new one.
+  std::vector<std::pair<std::string, std::string>> unlisted;  // key, file name
+  std::vector<std::tuple<std::string, std::string, std::int64_t>> variants;  // key, name, size
+  std::vector<std::string> orphans;
+  std::size_t dropped = 0;
+  {
+    std::lock_guard guard(lock_);
+    std::unordered_map<std::string_view, std::string_view> owners;  // file name -> key
+    owners.reserve(items_.size());
+    for (auto it = items_.begin(); it != items_.end();) {
+      const auto [owner, first] = owners.try_emplace(it->second.fileName, it->first);
+      if (!first) {  // two entries of an edited index name one file: the file stays with one
+        bytes_ -= footprint(it->second);
+        it = items_.erase(it);
+        dirty_ = true;
+        ++dropped;
+        continue;
+      }
+      if (!isListed(it->second.fileName)) unlisted.emplace_back(it->first, it->second.fileName);
+      for (const auto& [name, size] : it->second.variants) variants.emplace_back(it->first, name, size);
+      ++it;
+    }
+    for (const std::string& name : listed) {
+      if (!owners.contains(name)) orphans.push_back(name);
+    }
+  }
+  for (const auto& [key, fileName] : unlisted) {
+    std::lock_guard guard(lock_);
+    const auto it = items_.find(key);
+    if (it == items_.end() || it->second.fileName != fileName || ::access((dir_ + fileName).c_str(), F_OK) == 0) continue;
+    eraseLocked(it);
+    ++dropped;
+  }
+  // Variants are few and optional: one whose file is gone is simply forgotten.
+  for (const auto& [key, name, size] : variants) {
+    std::error_code ec;
+    if (static_cast<std::int64_t>(fs::file_size(dir_ + name, ec)) == size && !ec) continue;
+    std::lock_guard guard(lock_);
+    const auto it = items_.find(key);
+    if (it == items_.end()) continue;
+    const auto variant = it->second.variants.find(name);
+    if (variant == it->second.variants.end() || variant->second != size) continue;
+    bytes_ -= size;
+    it->second.variants.erase(variant);
+    dirty_ = true;
+  }
+  adoptOrphans(orphans);
+  {
+    std::lock_guard guard(lock_);
+    AppLog::info(kSource, formatText("cache loaded: %zu entries / %.1f MB from %s", items_.size(),
+                                     static_cast<double>(bytes_) / 1048576.0, dir_));
+    if (dropped > 0) {
+      AppLog::info(kSource, "dropped " + std::to_string(dropped) +
+                                " cache entries without a clip of their own (gone, or named by another entry)");
+    }
+    --writesInFlight_;
+  }
+  writeDone_.notify_all();
+  saveIndex(false);
+}
+
+// A file that shows up during the check may be a line being stored right now;
+// whichever comes second simply replaces the other under the same name.
 void WavCache::adoptOrphans(const std::vector<std::string>& orphans) {
   std::size_t adopted = 0;
   for (const auto& name : orphans) {
     const std::string key = name.substr(0, name.size() - kWavSuffix.size());
-    if (items_.contains(key)) continue;
     const auto header = readWavHeader(dir_ + name);
     if (!header) continue;
     CacheEntry entry;
@@ -391,19 +420,22 @@ void WavCache::adoptOrphans(const std::vector<std::string>& orphans) {
     entry.sampleRate = header->sampleRate;
     entry.durationMs = header->durationMs;
     entry.bytes = header->totalBytes;
+    std::lock_guard guard(lock_);
+    if (stopping_) break;
+    if (items_.contains(key) || pending_.contains(key)) continue;
     insertLocked(key, std::move(entry));
+    dirty_ = true;
     ++adopted;
   }
   if (adopted == 0) return;
-  dirty_ = true;
   AppLog::info(kSource, "adopted " + std::to_string(adopted) + " cached clip(s) that the index did not know about");
 }
 
 std::optional<TtsResult> WavCache::tryGet(const std::string& key) {
   auto hit = find(key, true, true);
   if (!hit) return std::nullopt;
-  if (hit->file.isOpen()) {
-    auto wav = hit->file.readAll();
+  if (hit->file) {
+    auto wav = hit->file->readAll();
     if (!wav) return std::nullopt;  // shrank after it was opened: only a hand can do that
     hit->result.wav = std::move(*wav);
   }
@@ -415,8 +447,8 @@ std::optional<CacheHit> WavCache::lookup(const std::string& key, bool openFile) 
 std::optional<Bytes> WavCache::readAudio(const std::string& key) {
   auto hit = find(key, false, true);
   if (!hit) return std::nullopt;
-  if (!hit->file.isOpen()) return std::move(hit->result.wav);
-  return hit->file.readAll();
+  if (!hit->file) return std::move(hit->result.wav);
+  return hit->file->readAll();
 }
 
 std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bool openFile) {
@@ -434,15 +466,11 @@ std::optional<CacheHit> WavCache::find(const std::string& key, bool countUse, bo
       if (countUse) ++misses_;
       return std::nullopt;
     } else if (openFile) {
-      // Opened under the lock: eviction unlinks under it too, so the handle is
-      // always the clip this entry describes, and stays readable after an unlink.
-      std::optional<OpenFile> file = OpenFile::open(dir_ + it->second.fileName);
-      if (!file || static_cast<std::int64_t>(file->size()) != it->second.bytes) {
+      hit.file = openClipLocked(key, it->second);
+      if (!hit.file) {
         damaged = it->second.fileName;
         eraseLocked(it);
         if (countUse) ++misses_;
-      } else {
-        hit.file = std::move(*file);
       }
     }
     if (damaged.empty()) {
@@ -476,7 +504,7 @@ std::optional<CacheHit> WavCache::lookupVariant(const std::string& key, const st
     // Opened under the lock for the same reason as the clip itself (find).
     std::optional<OpenFile> file = OpenFile::open(dir_ + name);
     if (file && static_cast<std::int64_t>(file->size()) == variant->second) {
-      hit.file = std::move(*file);
+      hit.file = std::make_shared<const OpenFile>(std::move(*file));
       it->second.stamp = ++clock_;
       ++hits_;
       describe(it->second, hit.result);
@@ -487,7 +515,7 @@ std::optional<CacheHit> WavCache::lookupVariant(const std::string& key, const st
       dirty_ = true;
     }
   }
-  if (!hit.file.isOpen()) {
+  if (!hit.file) {
     AppLog::warn(kSource, "cannot read cached variant (" + name + "), encoding it again");
     return std::nullopt;
   }
@@ -685,6 +713,8 @@ void WavCache::clear() {
   {
     std::lock_guard guard(lock_);
     items_.clear();
+    openClips_.clear();
+    openOrder_.clear();
     pending_.clear();
     pendingBytes_ = 0;
     bytes_ = 0;
@@ -740,7 +770,30 @@ void WavCache::setEnabled(bool enabled) { enabled_ = enabled; }
 
 bool WavCache::isEnabled() const { return enabled_; }
 
+std::shared_ptr<const OpenFile> WavCache::openClipLocked(const std::string& key, const CacheEntry& entry) {
+  const auto kept = openClips_.find(key);
+  if (kept != openClips_.end()) {
+    if (kept->second->unchanged()) return kept->second;
+    openClips_.erase(kept);  // deleted or rewritten behind our back: the path decides
+  }
+  // Opened under the lock: eviction unlinks under it too, so the handle is
+  // always the clip this entry describes, and stays readable after an unlink.
+  std::optional<OpenFile> opened = OpenFile::open(dir_ + entry.fileName);
+  if (!opened || static_cast<std::int64_t>(opened->size()) != entry.bytes) return nullptr;
+  auto clip = std::make_shared<const OpenFile>(std::move(*opened));
+  openClips_.emplace(key, clip);
+  openOrder_.push_back(key);
+  // The order may name a key twice or one already dropped: closing a clip
+  // early only costs its next hit an open().
+  while (openOrder_.size() > kOpenClips) {
+    openClips_.erase(openOrder_.front());
+    openOrder_.pop_front();
+  }
+  return clip;
+}
+
 void WavCache::insertLocked(const std::string& key, CacheEntry entry) {
+  openClips_.erase(key);  // a replaced line's clip is the old audio
   entry.stamp = ++clock_;
   bytes_ += footprint(entry);
   const auto [it, inserted] = items_.try_emplace(key);
@@ -756,6 +809,7 @@ void WavCache::insertLocked(const std::string& key, CacheEntry entry) {
 }
 
 void WavCache::eraseLocked(Items::iterator it) {
+  openClips_.erase(it->first);
   bytes_ -= footprint(it->second);
   deleteFile(dir_ + it->second.fileName);
   for (const auto& [name, size] : it->second.variants) deleteFile(dir_ + name);

@@ -18,10 +18,13 @@
 // index and the counters and is never held while an audio file is read or
 // written or the index is serialised; a second lock only keeps two index writes
 // apart. One writer thread stores the lines handed to `putLater`.
-// Cost: a hit is a hash lookup plus open() and fstat(); reading its bytes is
-// the caller's choice. A store is one atomic file write with fsync plus, at most
-// once every 2 s, an index write of O(entries); start reads the index while a
-// second thread lists the directory, O(entries + files).
+// Cost: a hit is a hash lookup plus open() and fstat(), or for one of the
+// lines hit most recently, whose clips stay open, fstat() alone; reading its
+// bytes is the caller's choice. A store is one atomic file write with fsync plus, at most
+// once every 2 s, an index write of O(entries). Opening reads the index alone,
+// O(entries); the writer thread then lists the directory, drops entries whose
+// clip is gone and adopts unknown clips, O(entries + files), before its first
+// store.
 #pragma once
 
 #include <atomic>
@@ -30,8 +33,8 @@
 #include <deque>
 #include <functional>
 #include <cstdint>
-#include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -91,7 +94,9 @@ std::optional<std::vector<std::pair<std::string, CacheEntry>>> parseCacheIndex(s
 // A hit as the index knows it.
 struct CacheHit {
   TtsResult result;  // `fromCache` set, `etag` = key; `wav` filled only for a line not yet on disk
-  OpenFile file;     // the clip, when it was asked for and is on disk; exactly `bytes` long
+  // The clip, when it was asked for and is on disk; exactly `bytes` long. The
+  // handle may be shared with other hits of the line: read it by position only.
+  std::shared_ptr<const OpenFile> file;
 };
 
 // How much room the cache has left before the free-space floor.
@@ -114,9 +119,11 @@ class DiskFloor {
 class WavCache {
  public:
   // Opens the cache in `dir` (created when missing): loads "index.json", or
-  // "index.json.bak" when the main index is unusable, then adopts unknown WAV
-  // files. `budgetBytes` below 1 means no limit. Never fails: a cache whose
-  // files cannot be read starts empty.
+  // "index.json.bak" when the main index is unusable; the check of the
+  // directory against it (entries without a clip dropped, unknown WAV files
+  // adopted, the size recounted) follows on the writer thread, see flush().
+  // `budgetBytes` below 1 means no limit. Never fails: a cache whose files
+  // cannot be read starts empty.
   // REQUIRES: `dir` is not empty (it would name the root directory).
   explicit WavCache(std::string dir = KELVOPaths::cacheDir(), std::int64_t budgetBytes = 0,
                     DiskFloor floor = DiskFloor());
@@ -133,7 +140,8 @@ class WavCache {
   std::optional<TtsResult> tryGet(const std::string& key);
   // The same hit without reading the clip: with `openFile`, `file` holds it
   // (opened under the index lock, so it stays whole whatever happens to the
-  // file afterwards); without, nothing on disk is touched.
+  // file afterwards; a clip deleted or cut short before the hit is a miss, as
+  // above); without, nothing on disk is touched.
   std::optional<CacheHit> lookup(const std::string& key, bool openFile);
   // The entry's WAV bytes, without counting or touching its recency.
   std::optional<Bytes> readAudio(const std::string& key);
@@ -164,7 +172,8 @@ class WavCache {
   // once. A line whose key is already stored by then is not written again.
   // While more than `maxPendingBytes` wait, stores synchronously instead.
   void putLater(const std::string& key, TtsResult result, std::string text);
-  // Returns once every line handed to putLater() before the call is stored (or failed).
+  // Returns once the directory check that follows opening is done and every
+  // line handed to putLater() before the call is stored (or failed).
   void flush();
   // Drops one entry and deletes its file.
   void remove(const std::string& key);
@@ -194,13 +203,12 @@ class WavCache {
   };
   using Items = std::unordered_map<std::string, CacheEntry, KeyHash, std::equal_to<>>;
 
-  // The plain ".wav" files of the directory, listed once at start and sorted
-  // (so orphans get their stamps in name order, not in readdir's).
-  using Listing = std::shared_future<std::vector<std::string>>;
-
-  // Takes the entries of one index file whose files are listed; true when at
-  // least one was taken, and then `orphans` holds the files no entry claimed.
-  bool loadIndex(const std::string& path, const Listing& listing, std::vector<std::string>& orphans);
+  // Takes the entries of one index file, in file order as their recency;
+  // true when at least one was taken. REQUIRES: the constructor running.
+  bool loadIndex(const std::string& path);
+  // Compares the directory with the loaded index (see the constructor); runs
+  // on the writer thread while the cache already serves.
+  void checkDirectory();
   void adoptOrphans(const std::vector<std::string>& orphans);
   // A line waiting for the writer thread.
   struct Pending {
@@ -215,6 +223,10 @@ class WavCache {
   void store(const std::string& key, const TtsResult& result, const std::string& text,
              const std::shared_ptr<const Pending>& pending);
   void writerLoop();
+  // The clip of `entry` for a hit: the one kept open while it is still named
+  // and whole, else opened anew and kept; null when it is gone or has the
+  // wrong size. REQUIRES: lock_ held.
+  std::shared_ptr<const OpenFile> openClipLocked(const std::string& key, const CacheEntry& entry);
   // Adds or replaces `key` as the most recently used entry.
   // REQUIRES (this and the next two): lock_ held, or the constructor running.
   void insertLocked(const std::string& key, CacheEntry entry);
@@ -236,6 +248,11 @@ class WavCache {
   bool dirty_ = false;
   std::optional<std::chrono::steady_clock::time_point> lastSave_;
   std::unordered_map<std::string, std::shared_ptr<const Pending>> pending_;
+  // Clips of recent hits kept open, at most kOpenClips; dropped with their
+  // entry. Replies in flight hold their own reference.
+  static constexpr std::size_t kOpenClips = 64;
+  std::unordered_map<std::string, std::shared_ptr<const OpenFile>> openClips_;
+  std::deque<std::string> openOrder_;  // keys of openClips_, oldest first
   std::deque<std::string> writeOrder_;  // keys for the writer, oldest first
   std::int64_t pendingBytes_ = 0;
   std::int64_t writesInFlight_ = 0;  // queued or being written

@@ -117,6 +117,11 @@ OpenFile::~OpenFile() {
   if (fd_ >= 0) ::close(fd_);
 }
 
+bool OpenFile::unchanged() const {
+  struct stat st {};
+  return fd_ >= 0 && ::fstat(fd_, &st) == 0 && st.st_nlink > 0 && static_cast<std::uint64_t>(st.st_size) == size_;
+}
+
 std::optional<std::vector<std::uint8_t>> OpenFile::readAll() const {
   if (fd_ < 0) return std::nullopt;
   // One spare byte: a file that grew since it was opened is not the file we know either.
@@ -200,15 +205,24 @@ bool OpenFile::readAt(std::uint64_t offset, std::span<std::uint8_t> out) const {
   return true;
 }
 
-std::vector<std::string> removeOrphanedTempFiles(const std::string& dir) {
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir, std::filesystem::file_time_type startedAt) {
   namespace fs = std::filesystem;
+  // File times come from a clock that may lag a tick behind: a file this
+  // process wrote just after starting can look a little older than its start.
+  const fs::file_time_type ownBefore = startedAt - std::chrono::seconds(1);
   std::vector<std::string> removed;
   std::error_code ec;
   for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
     const std::string name = it->path().filename().string();
     const std::optional<pid_t> writer = tempWriter(name);
-    if (!writer || (*writer != ::getpid() && processAlive(*writer))) continue;
+    if (!writer) continue;
     std::error_code ignored;
+    if (*writer == ::getpid()) {
+      const fs::file_time_type written = it->last_write_time(ignored);
+      if (ignored || written >= ownBefore) continue;
+    } else if (processAlive(*writer)) {
+      continue;
+    }
     if (it->is_regular_file(ignored) && fs::remove(it->path(), ignored)) removed.push_back(name);
   }
   return removed;

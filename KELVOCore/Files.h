@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
@@ -40,6 +41,9 @@ class OpenFile {
   int fd() const { return fd_; }
   // The size when it was opened.
   std::uint64_t size() const { return size_; }
+  // Whether the file still has a name and still has that size: one fstat(),
+  // so a handle kept open can be trusted again without opening the path.
+  bool unchanged() const;
   // The whole content by positioned reads; absent when it is not `size()` bytes any more.
   std::optional<std::vector<std::uint8_t>> readAll() const;
   // Fills `out` from `offset`, so a large archive is read one entry at a time
@@ -89,9 +93,11 @@ class TempFile {
 
 // Removes from `dir` (not its sub-folders) the temporary files of
 // writeFileAtomic() whose writer died before its rename: those named for a
-// pid that is not alive, or for this process itself (an earlier life of the
-// same pid, as in a container). Returns the names removed.
-// REQUIRES: this process has not started writing in `dir`.
-std::vector<std::string> removeOrphanedTempFiles(const std::string& dir);
+// pid that is not alive, or for this process itself but last written more
+// than a second before `startedAt`, this process's start (an earlier life of
+// the same pid, as in a container; one that died within that second is left
+// for the next start). So it may run while this process writes in `dir`.
+// Returns the names removed.
+std::vector<std::string> removeOrphanedTempFiles(const std::string& dir, std::filesystem::file_time_type startedAt);
 
 }  // namespace kelvo

@@ -38,9 +38,12 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-using Strand = asio::strand<asio::io_context::executor_type>;
-using Socket = tcp::socket::rebind_executor<Strand>::other;
-using Timer = asio::steady_timer::rebind_executor<Strand>::other;
+// Each I/O thread runs its own io_context (its own epoll set), as a static
+// file server runs one worker per core: a connection lives on one thread for
+// its whole life, so its handlers need no strand and never change threads.
+using Executor = asio::io_context::executor_type;
+using Socket = tcp::socket::rebind_executor<Executor>::other;
+using Timer = asio::steady_timer::rebind_executor<Executor>::other;
 
 // A request body in memory or, when the session gave it a file once the
 // header was in, in that file. Beast sets the reader up with the first body
@@ -192,26 +195,30 @@ struct HttpServer::Impl {
   const Options options;
   QuickHandler quick;  // set before start(), read-only while running
 
-  // An open connection, and since when it has waited for a request's first
-  // byte (max while it receives, is handled or answers).
-  struct Slot {
-    std::weak_ptr<Session> session;
-    Clock::time_point waitingSince;
-  };
 
   mutable std::mutex lock;  // guards the three below
   bool running = false;
   std::int64_t boundPort = 0;
-  std::unordered_map<Session*, Slot> sessions;
+  std::unordered_map<Session*, std::weak_ptr<Session>> sessions;  // every open connection
   std::array<std::atomic<bool>, static_cast<std::size_t>(Breach::count)> logged{};
 
   std::mutex lifecycle;  // serialises start() and stop()
-  asio::io_context io{static_cast<int>(ioThreadCount())};
-  Strand acceptStrand{io.get_executor()};
-  tcp::acceptor acceptor{acceptStrand};
-  asio::steady_timer acceptRetry{acceptStrand};
-  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work;
+  // One per I/O thread; the listener lives on the first and hands each new
+  // connection to the next one in turn.
+  std::vector<std::unique_ptr<asio::io_context>> ios = makeContexts();
+  tcp::acceptor acceptor{*ios.front()};
+  asio::steady_timer acceptRetry{*ios.front()};
+  std::size_t nextContext = 0;  // used on the listener's thread only
+  std::vector<asio::executor_work_guard<Executor>> work;
   std::vector<std::thread> ioThreads;
+
+  static std::vector<std::unique_ptr<asio::io_context>> makeContexts() {
+    std::vector<std::unique_ptr<asio::io_context>> contexts;
+    // A hint of 1: each context is run by one thread, which spares the
+    // scheduler its inter-thread wake-ups; posting from other threads stays safe.
+    for (std::size_t i = 0; i < ioThreadCount(); ++i) contexts.push_back(std::make_unique<asio::io_context>(1));
+    return contexts;
+  }
   // Last, so it is destroyed first: it waits for the running handlers, which
   // use everything above.
   WorkerPool workers{"KELVO http work", std::max<std::size_t>(2, ioThreadCount()), maxConnections + 16};
@@ -248,11 +255,6 @@ struct HttpServer::Impl {
     std::lock_guard guard(lock);
     sessions.erase(session);
   }
-  void setWaiting(Session* session, bool waiting) {
-    std::lock_guard guard(lock);
-    const auto it = sessions.find(session);
-    if (it != sessions.end()) it->second.waitingSince = waiting ? Clock::now() : Clock::time_point::max();
-  }
   // Takes the connection that has waited longest for a request out of
   // `sessions`, to be closed; null when every one is busy. REQUIRES: `lock` held.
   std::shared_ptr<Session> takeLongestWaitingLocked();
@@ -263,12 +265,13 @@ struct HttpServer::Impl {
 };
 
 // One connection: its socket, read buffer, parser and deadline. Everything but
-// `abandoned_` is touched only on the connection's strand. Pending operations
-// and the worker task hold it alive through shared_from_this().
+// `abandoned_` and `waitingSince_` is touched only on the connection's I/O
+// thread. Pending operations and the worker task hold it alive through
+// shared_from_this().
 class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
  public:
   Session(Impl& server, Socket socket, std::string peer)
-      : server_(server), strand_(socket.get_executor()), socket_(std::move(socket)), timer_(strand_),
+      : server_(server), executor_(socket.get_executor()), socket_(std::move(socket)), timer_(executor_),
         peer_(std::move(peer)) {}
 
   void start() {
@@ -280,12 +283,17 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   }
 
   const std::string& peer() const { return peer_; }
+  // Since when it has waited for a request's first byte; max while it
+  // receives, is handled or answers. Read from any thread.
+  Clock::time_point waitingSince() const {
+    return Clock::time_point(Clock::duration(waitingSince_.load(std::memory_order_relaxed)));
+  }
 
   // From any thread: no handler starts for this connection any more, and the
-  // socket is closed on the strand.
+  // socket is closed on its I/O thread.
   void abandon() {
     abandoned_.store(true, std::memory_order_release);
-    asio::post(strand_, [self = shared_from_this()] { self->close(); });
+    asio::post(executor_, [self = shared_from_this()] { self->close(); });
   }
 
  private:
@@ -310,7 +318,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
       phase_ = Phase::idle;
       setDeadline(sentAny_ ? server_.options.idleTimeout : server_.options.firstByteTimeout);
       if (buffer_.capacity() > headerReadBytes) buffer_.shrink_to_fit();
-      server_.setWaiting(this, true);
+      setWaiting(true);
       read();
     }
   }
@@ -332,7 +340,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     if (phase_ == Phase::idle) {
       phase_ = Phase::receiving;
       sentAny_ = true;
-      server_.setWaiting(this, false);
+      setWaiting(false);
       setDeadline(server_.options.receiveTimeout);
     } else if (spooled_ && (uploadProgress_ += n) >= uploadProgressBytes) {
       uploadProgress_ = 0;
@@ -458,7 +466,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
       if (self->abandoned_.load(std::memory_order_acquire)) return;
       HttpResponse response = self->server_.runHandler(request);
       spool.reset();  // deleted as soon as the handler is done with it
-      asio::post(self->strand_, [self, response = std::move(response)]() mutable {
+      asio::post(self->executor_, [self, response = std::move(response)]() mutable {
         self->respond(std::move(response));
       });
     });
@@ -573,6 +581,11 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
     }
   }
 
+  void setWaiting(bool waiting) {
+    const Clock::time_point since = waiting ? Clock::now() : Clock::time_point::max();
+    waitingSince_.store(since.time_since_epoch().count(), std::memory_order_relaxed);
+  }
+
   void close() {
     if (phase_ == Phase::closed) return;
     phase_ = Phase::closed;
@@ -585,7 +598,7 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   }
 
   Impl& server_;
-  const Strand strand_;
+  const Executor executor_;
   Socket socket_;
   Timer timer_;
   const std::string peer_;
@@ -605,10 +618,13 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
   std::size_t headSent_ = 0;
   std::uint64_t fileSent_ = 0;
   std::atomic<bool> abandoned_{false};
+  std::atomic<Clock::rep> waitingSince_{Clock::time_point::max().time_since_epoch().count()};
 };
 
 void HttpServer::Impl::accept() {
-  acceptor.async_accept(asio::make_strand(io), [this](const ErrorCode& ec, Socket socket) {
+  asio::io_context& home = *ios[nextContext];
+  nextContext = (nextContext + 1) % ios.size();
+  acceptor.async_accept(home.get_executor(), [this](const ErrorCode& ec, Socket socket) {
     onAccept(ec, std::move(socket));
   });
 }
@@ -630,7 +646,7 @@ void HttpServer::Impl::onAccept(const ErrorCode& ec, Socket socket) {
     });
     return;
   }
-  const Strand strand = socket.get_executor();
+  const Executor home = socket.get_executor();
   std::string peer = peerAddress(socket);
   auto session = std::make_shared<Session>(*this, std::move(socket), peer);
   bool admitted = false;
@@ -639,7 +655,7 @@ void HttpServer::Impl::onAccept(const ErrorCode& ec, Socket socket) {
     std::lock_guard guard(lock);
     if (running && sessions.size() >= maxConnections) evicted = takeLongestWaitingLocked();
     admitted = running && sessions.size() < maxConnections;
-    if (admitted) sessions.emplace(session.get(), Slot{session, Clock::now()});
+    if (admitted) sessions.emplace(session.get(), session);
   }
   if (evicted) {
     evicted->abandon();
@@ -649,7 +665,7 @@ void HttpServer::Impl::onAccept(const ErrorCode& ec, Socket socket) {
     }
   }
   if (admitted) {
-    asio::post(strand, [session] { session->start(); });
+    asio::post(home, [session] { session->start(); });
   } else if (running && firstBreach(Breach::connections)) {
     AppLog::warn("http", "more than " + std::to_string(maxConnections) + " busy connections: closed the one from " +
                              peer + " at once" + onlyOnce);
@@ -658,15 +674,19 @@ void HttpServer::Impl::onAccept(const ErrorCode& ec, Socket socket) {
 }
 
 std::shared_ptr<HttpServer::Impl::Session> HttpServer::Impl::takeLongestWaitingLocked() {
-  auto oldest = sessions.end();
-  for (auto it = sessions.begin(); it != sessions.end(); ++it) {
-    if (it->second.waitingSince == Clock::time_point::max()) continue;
-    if (oldest == sessions.end() || it->second.waitingSince < oldest->second.waitingSince) oldest = it;
+  std::shared_ptr<Session> oldest;
+  Clock::time_point oldestSince = Clock::time_point::max();
+  for (const auto& [raw, weak] : sessions) {
+    std::shared_ptr<Session> session = weak.lock();
+    if (!session) continue;
+    const Clock::time_point since = session->waitingSince();
+    if (since < oldestSince) {
+      oldest = std::move(session);
+      oldestSince = since;
+    }
   }
-  if (oldest == sessions.end()) return nullptr;
-  std::shared_ptr<Session> session = oldest->second.session.lock();
-  sessions.erase(oldest);
-  return session;
+  if (oldest) sessions.erase(oldest.get());
+  return oldest;
 }
 
 HttpServer::HttpServer(std::string bindAddress, std::int64_t port, Handler handler)
@@ -687,7 +707,7 @@ void HttpServer::start() {
   ErrorCode ec;
   asio::ip::address address = asio::ip::make_address(s.bindAddress, ec);
   if (ec) {
-    tcp::resolver resolver(s.io);
+    tcp::resolver resolver(*s.ios.front());
     const auto found = resolver.resolve(s.bindAddress, "", tcp::resolver::passive, ec);
     if (ec || found.empty()) throw addressNotHere(s.bindAddress);
     address = found.begin()->endpoint().address();
@@ -710,13 +730,15 @@ void HttpServer::start() {
     s.boundPort = s.acceptor.local_endpoint(ec).port();
     s.running = true;
   }
-  s.io.restart();
-  s.work.emplace(s.io.get_executor());
-  asio::post(s.acceptStrand, [&s] { s.accept(); });
-  for (std::size_t i = 0; i < ioThreadCount(); ++i) {
-    s.ioThreads.emplace_back([&s] {
+  for (const auto& io : s.ios) {
+    io->restart();
+    s.work.push_back(asio::make_work_guard(*io));
+  }
+  asio::post(s.acceptor.get_executor(), [&s] { s.accept(); });
+  for (const auto& io : s.ios) {
+    s.ioThreads.emplace_back([&io = *io] {
       pthread_setname_np(pthread_self(), "KELVO http io");
-      s.io.run();
+      io.run();
     });
   }
   AppLog::info("http", "service started on " + s.endpoint());
@@ -730,11 +752,11 @@ void HttpServer::stop() {
     std::lock_guard guard(s.lock);
     if (!s.running) return;
     s.running = false;
-    for (const auto& [raw, slot] : s.sessions) {
-      if (auto session = slot.session.lock()) open.push_back(std::move(session));
+    for (const auto& [raw, weak] : s.sessions) {
+      if (auto session = weak.lock()) open.push_back(std::move(session));
     }
   }
-  asio::post(s.acceptStrand, [&s] {
+  asio::post(s.acceptor.get_executor(), [&s] {
     ErrorCode ignored;
     s.acceptor.close(ignored);
     s.acceptRetry.cancel();
@@ -743,7 +765,7 @@ void HttpServer::stop() {
   open.clear();
   // With the listener and every socket closed, run() returns once the
   // aborted operations have been delivered.
-  s.work.reset();
+  s.work.clear();
   for (auto& t : s.ioThreads) t.join();
   s.ioThreads.clear();
 }

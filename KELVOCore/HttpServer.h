@@ -25,7 +25,9 @@
 //
 // Thread-safe: start() and stop() may be called from any thread but a handler;
 // the handler is called concurrently from the worker pool and must be
-// thread-safe itself. Cost per request: the quick handler's answer goes out
+// thread-safe itself. I/O runs on one thread per core, each with its own
+// event loop; connections are dealt to them in turn as they are accepted and
+// stay on theirs. Cost per request: the quick handler's answer goes out
 // from the I/O thread at once; any other request takes two thread hand-offs
 // (I/O thread to worker and back). Either way one gathered write of header and
 // body; the body is never copied on the way out, and a `bodyFile` not even

@@ -221,15 +221,15 @@ std::optional<TtsReply> TtsService::fromCache(const TtsRequest& request, const P
     reply.result.etag = tag;
     reply.result.format = format;
     reply.notModified = true;
-  } else if (variantHit || (!retime && format == AudioFormat::wav && hit->file.isOpen())) {
+  } else if (variantHit || (!retime && format == AudioFormat::wav && hit->file)) {
     reply.result.etag = tag;
     reply.result.format = format;
-    reply.file = std::make_shared<const OpenFile>(std::move(hit->file));
+    reply.file = std::move(hit->file);
   } else {
     // A retimed or newly encoded hit reads the 1.0 clip (a line still on its way
     // to the disk is in memory).
-    if (hit->file.isOpen()) {
-      std::optional<Bytes> wav = hit->file.readAll();
+    if (hit->file) {
+      std::optional<Bytes> wav = hit->file->readAll();
       if (!wav) throw TtsError(TtsErrorCode::engineFailed, T("缓存文件读不出来"));
       reply.result.wav = std::move(*wav);
     }

@@ -117,7 +117,10 @@ void appendTag(Bytes& out, std::string_view tag) { out.insert(out.end(), tag.beg
 std::int16_t toPcm16(float s) {
   if (std::isnan(s)) programmingError("sample is not a number");
   if (s <= -1.0f) return -32767;
-  return static_cast<std::int16_t>(std::lround(std::min(s, 1.0f) * 32767.0f));
+  // Rounds half away from zero like lround, without its library call: a float
+  // below 2^15 plus 0.5 is exact in double, so truncating it is that rounding.
+  const double x = std::min(s, 1.0f) * 32767.0f;
+  return static_cast<std::int16_t>(x >= 0 ? static_cast<int>(x + 0.5) : -static_cast<int>(0.5 - x));
 }
 
 }  // namespace
@@ -259,9 +262,17 @@ Bytes buildWav(const PcmBuffer& pcm, std::int64_t channels) {
   appendLE(out, std::uint16_t{16});
   appendTag(out, "data");
   appendLE(out, static_cast<std::uint32_t>(dataBytes));
+  // Written in place: a byte-wise append checks the capacity of a 5 s line
+  // nearly half a million times.
+  const std::size_t head = out.size();
+  out.resize(head + static_cast<std::size_t>(dataBytes));
+  std::uint8_t* p = out.data() + head;
   for (const float s : pcm.data) {
     const auto v = static_cast<std::uint16_t>(toPcm16(s));
-    for (std::int64_t c = 0; c < channels; ++c) appendLE(out, v);
+    for (std::int64_t c = 0; c < channels; ++c) {
+      *p++ = static_cast<std::uint8_t>(v);
+      *p++ = static_cast<std::uint8_t>(v >> 8);
+    }
   }
   return out;
 }

@@ -1,6 +1,7 @@
-// `kelvo serve`: brings the service up in order (the data root's lock, the
-// sweep of temporary files dead writers left, configuration, voices, cache,
-// queue, engine, then the HTTP listener, whose URL goes into the lock file),
+// `kelvo serve`: brings the service up in order (the data root's lock,
+// configuration, voices, cache, queue, engine, then the HTTP listener, whose
+// URL goes into the lock file; then a second thread sweeps the temporary
+// files dead writers left),
 // runs until SIGTERM or SIGINT, and takes it down in the reverse order so that
 // waiting requests get a clear answer and the cache index is written.
 #include <pthread.h>
@@ -8,8 +9,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "KELVOCore/ApiKeys.h"
 #include "KELVOCore/DataRootLock.h"
@@ -18,6 +21,7 @@
 #include "KELVOCore/HubStore.h"
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
+#include "KELVOCore/Memory.h"
 #include "KELVOCore/Paths.h"
 #include "KELVOCore/Service.h"
 #include "KELVOServer/Client.h"
@@ -46,12 +50,13 @@ void setUpLogOutput() {
 }
 
 // A writer killed between its temporary file and the rename leaves the
-// temporary behind; nothing else would ever remove it.
-void removeOrphanedTemps() {
+// temporary behind; nothing else would ever remove it. Listing a cache of
+// many lines takes a while, so this runs beside the start, not before it.
+void removeOrphanedTemps(std::filesystem::file_time_type startedAt) {
   const std::string root = KELVOPaths::dataRoot();
   for (const std::string& dir : {KELVOPaths::dataDir(), KELVOPaths::voicesDir(), KELVOPaths::cacheDir(),
                                  KELVOPaths::logsDir(), root + "hub/"}) {
-    const std::vector<std::string> removed = removeOrphanedTempFiles(dir);
+    const std::vector<std::string> removed = removeOrphanedTempFiles(dir, startedAt);
     if (removed.empty()) continue;
     AppLog::info("serve", "removed " + std::to_string(removed.size()) + " temporary file(s) a dead writer left in " +
                               dir + ", e.g. " + removed.front());
@@ -59,6 +64,8 @@ void removeOrphanedTemps() {
 }
 
 int serve(const ServeOptions& options) {
+  const auto startedAt = std::filesystem::file_time_type::clock::now();
+  keepLineBuffersInHeap();
   // The stop signals are blocked before any thread exists, so every thread
   // inherits the mask and only sigwait below ever sees them.
   sigset_t stopSignals;
@@ -78,7 +85,6 @@ int serve(const ServeOptions& options) {
     std::fprintf(stderr, "%s\n", e.message.c_str());
     return 1;
   }
-  removeOrphanedTemps();
   std::shared_ptr<TtsService> service = TtsService::open();
   TtsHttpService api(service);
   api.setApiKeys(std::make_shared<ApiKeys>(KELVOPaths::dataDir()));
@@ -97,11 +103,14 @@ int serve(const ServeOptions& options) {
   }
   ownership->publish(api.endpoint());
   for (const std::string& url : api.allEndpoints()) AppLog::info("serve", "reachable at " + url);
+  // Once the listener is up: the sweep lists every folder, the cache's too.
+  std::jthread sweep([startedAt] { removeOrphanedTemps(startedAt); });
 
   int received = 0;
   sigwait(&stopSignals, &received);
   AppLog::info("serve", std::string("stopping on ") + (received == SIGINT ? "SIGINT" : "SIGTERM"));
   api.stop();
+  sweep.join();
   service->shutdown();
   AppLog::info("serve", "stopped");
   AppLog::drainHandlers();

@@ -8,6 +8,7 @@
 
 #include "KELVOCore/Files.h"
 #include "KELVOCore/Json.h"
+#include "KELVOCore/Memory.h"
 #include "KELVOCore/Paths.h"
 #include "KELVOCore/Service.h"
 #include "KELVOCore/Wav.h"
@@ -48,9 +49,11 @@ class InstantEngine final : public TtsEngine {
 Bytes referenceClip() { return buildWav({std::vector<float>(16000, 0.2f), 16000}, 1); }
 
 // A service on a scratch root with one bound English voice, answered by an
-// instant engine of `rate` (the real engine is missing there).
+// instant engine of `rate` (the real engine is missing there). The allocator
+// is set up as `kelvo serve` sets it up.
 struct Rig {
   explicit Rig(std::int64_t rate) : root(scratchDir()) {
+    keepLineBuffersInHeap();
     auto config = std::make_shared<AppConfig>(root + "data/config.json");
     auto voices = std::make_shared<VoiceLibrary>(root + "data/voices.json", root + "clone/");
     voices->setConfig(config);

@@ -123,10 +123,17 @@ TEST(WavCacheTest, StoresServesAndCounts) {
     EXPECT_FALSE(cache.contains("K2"));
     EXPECT_FALSE(fs::exists(dir.path() + "K2.wav"));
     EXPECT_EQ(cache.stats().bytes, 600);
+    cache.put("K5", line(200), "deleted by hand while the service is down");
   }
-  // The index held back by throttling is written on the way out.
+  // The index held back by throttling is written on the way out. It is
+  // trusted at first; the directory check then drops the line whose clip went.
+  fs::remove(dir.path() + "K5.wav");
+  AppLog::clear();
   WavCache reopened(dir.path());
-  EXPECT_EQ(reopened.stats().count, 1);
+  EXPECT_FALSE(reopened.lookup("K5", true));
+  reopened.flush();
+  EXPECT_EQ(std::make_tuple(reopened.stats().count, reopened.stats().bytes), std::make_tuple(1, 600));
+  EXPECT_EQ(logged(LogLevel::info, "cache loaded"), "cache loaded: 1 entries / 0.0 MB from " + dir.path());
   const auto again = reopened.tryGet("K1");
   ASSERT_TRUE(again);
   EXPECT_EQ(again->voiceId, "v1");
@@ -175,6 +182,7 @@ TEST(WavCacheTest, RecoversFromTheBackupThenFromOrphans) {
   fs::remove(index);
   {
     WavCache cache(dir.path());
+    cache.flush();  // the directory check that adopts
     EXPECT_EQ(logged(LogLevel::warn, "main"), "main cache index was unusable, recovered from the backup");
     EXPECT_EQ(logged(LogLevel::info, "adopted"), "adopted 1 cached clip(s) that the index did not know about");
     EXPECT_EQ(cache.tryGet("A")->voiceId, "v1");
@@ -188,6 +196,7 @@ TEST(WavCacheTest, RecoversFromTheBackupThenFromOrphans) {
   fs::remove(index);
   fs::remove(backup);
   WavCache cache(dir.path());
+  cache.flush();
   EXPECT_EQ(logged(LogLevel::info, "adopted"), "adopted 2 cached clip(s) that the index did not know about");
   EXPECT_EQ(logged(LogLevel::info, "cache loaded"), "cache loaded: 2 entries / 0.0 MB from " + dir.path());
   EXPECT_EQ(cache.tryGet("A")->voiceId, "");
@@ -276,6 +285,9 @@ TEST(WavCacheTest, HitsStayWholeAndDamagedClipsAreDropped) {
   WavCache cache(dir.path());
   for (const char* key : {"A", "B", "C", "D"}) cache.put(key, line(400), key);
   cache.put("E", line(600), "e");
+  // Hit first, so that each clip is one the cache keeps open: a kept handle
+  // must not outlive the damage below.
+  for (const char* key : {"A", "B", "C", "D", "E"}) ASSERT_TRUE(cache.lookup(key, true)) << key;
   AppLog::clear();
 
   fs::remove(dir.path() + "A.wav");
@@ -296,19 +308,19 @@ TEST(WavCacheTest, HitsStayWholeAndDamagedClipsAreDropped) {
   fs::remove(dir.path() + "D.wav");
   const auto facts = cache.lookup("D", false);
   ASSERT_TRUE(facts);
-  EXPECT_FALSE(facts->file.isOpen());
+  EXPECT_FALSE(facts->file);
   EXPECT_EQ(std::tie(facts->result.etag, facts->result.voiceId, facts->result.durationMs),
             std::make_tuple("D", "v1", line(400).durationMs));
   EXPECT_FALSE(cache.lookup("D", true));
 
   auto held = cache.lookup("E", true);
-  ASSERT_TRUE(held && held->file.isOpen());
+  ASSERT_TRUE(held && held->file);
   EXPECT_TRUE(held->result.wav.empty());
   cache.clear();
   cache.put("E", line(800), "e, stored anew");
-  EXPECT_EQ(held->file.readAll(), line(600).wav);
+  EXPECT_EQ(held->file->readAll(), line(600).wav);
   const CacheStats s = cache.stats();
-  EXPECT_EQ(std::make_tuple(s.count, s.bytes, s.hits, s.misses), std::make_tuple(1, 800, 2, 3));
+  EXPECT_EQ(std::make_tuple(s.count, s.bytes, s.hits, s.misses), std::make_tuple(1, 800, 7, 3));
 }
 
 // A line handed to the writer thread is a hit at once, and stays one.
@@ -359,12 +371,13 @@ TEST(WavCacheTest, VariantsLiveAndDieWithTheirLine) {
     EXPECT_EQ(cache.stats().bytes, 1100);
     const auto hit = cache.lookupVariant("A", "A.mp3");
     ASSERT_TRUE(hit);
-    EXPECT_EQ(hit->file.readAll(), mp3);
+    EXPECT_EQ(hit->file->readAll(), mp3);
     EXPECT_EQ(hit->result.voiceId, "v1");
     EXPECT_FALSE(cache.lookupVariant("A", "A.flac"));
   }
   fs::remove(dir.path() + "A.opus");
   WavCache cache(dir.path(), 2000);
+  cache.flush();
   EXPECT_EQ(cache.stats().bytes, 900);  // the variant whose file went is forgotten
   EXPECT_TRUE(cache.hasVariant("A", "A.mp3"));
   EXPECT_FALSE(cache.hasVariant("A", "A.opus"));
