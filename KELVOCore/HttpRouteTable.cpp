@@ -134,7 +134,6 @@ void TtsHttpService::addRoutes() {
                                     {"compute", "string"},
                                     {"voices", "integer"},
                                     {"output_sample_rate", "integer"},
-                                    {"gpu", "string"},
                                     {"ui_language", Json{{"enum", Json::array({"zh", "ja", "en"})}}}});
   for (const char* path : {"/v1/health", "/health"}) {
     routes_.add({.method = "GET",
@@ -302,7 +301,8 @@ void TtsHttpService::addRoutes() {
                                                  {"engine", "string"},
                                                  {"engine_detail", "string"},
                                                  {"engine_ready", "boolean"},
-                                                 {"placeholder", "boolean"}})}});
+                                                 {"placeholder", "boolean"},
+                                                 {"gpu", "string"}})}});
   routes_.add({.method = "GET",
                .pattern = "/v1/log",
                .scope = Scope::admin,

@@ -298,7 +298,6 @@ HttpResponse TtsHttpService::health() {
                                       {"compute", std::string(code(config.engine().compute))},
                                       {"voices", service_->voices().count()},
                                       {"output_sample_rate", config.outputSampleRate()},
-                                      {"gpu", gpuInfo().display()},
                                       {"ui_language", std::string(code(uiLang()))}});
 }
 
@@ -328,7 +327,8 @@ HttpResponse TtsHttpService::stats() {
                                       {"engine", s.engineName},
                                       {"engine_detail", s.engineDetail},
                                       {"engine_ready", s.engineReady},
-                                      {"placeholder", s.placeholder}});
+                                      {"placeholder", s.placeholder},
+                                      {"gpu", gpuInfo().display()}});
 }
 
 HttpResponse TtsHttpService::metrics() {

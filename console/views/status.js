@@ -33,7 +33,7 @@ export function render(root) {
       facts.replaceChildren(...[
         [t('status.engine'), `${health.engine} — ${state}${health.placeholder ? ` (${t('status.placeholder')})` : ''}`, 'engine'],
         [t('status.detail'), health.engine_detail || '—'],
-        [t('status.gpu'), `${health.gpu || '—'} · ${t('status.compute')} ${health.compute}`],
+        [t('status.gpu'), `${stats.gpu || '—'} · ${t('status.compute')} ${health.compute}`],
         [t('status.version'), health.version],
         [t('status.queue'), String(stats.queue_depth)],
         [t('status.requests'), t('status.requestsValue', { total: stats.total, failed: stats.failed })],
