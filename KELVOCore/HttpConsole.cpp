@@ -1,7 +1,5 @@
 #include "KELVOCore/HttpConsole.h"
 
-#include <algorithm>
-
 #include "KELVOCore/ConsoleFiles.h"
 #include "KELVOCore/I18n.h"
 
@@ -23,26 +21,15 @@ void secure(HttpResponse& r) {
   r.headers["Cache-Control"] = "no-cache";
 }
 
-// True when the If-None-Match list holds `etag` (or is "*"); weak marks are ignored.
-bool holds(std::string_view ifNoneMatch, std::string_view etag) {
-  const std::string_view bare = etag.substr(1, etag.size() - 2);
-  std::size_t from = 0;
-  while (from <= ifNoneMatch.size()) {
-    const std::size_t comma = std::min(ifNoneMatch.find(',', from), ifNoneMatch.size());
-    std::string_view tag = ifNoneMatch.substr(from, comma - from);
-    while (!tag.empty() && tag.front() == ' ') tag.remove_prefix(1);
-    while (!tag.empty() && tag.back() == ' ') tag.remove_suffix(1);
-    if (tag.starts_with("W/")) tag.remove_prefix(2);
-    if (tag == "*" || tag == etag || tag == bare) return true;
-    from = comma + 1;
-  }
-  return false;
-}
-
 }  // namespace
 
 std::vector<std::string> consoleHeaderNames() {
-  return {"Cache-Control", "Content-Security-Policy", "ETag", "Referrer-Policy", "X-Content-Type-Options"};
+  HttpResponse r;
+  secure(r);
+  r.headers["ETag"] = {};
+  std::vector<std::string> names;
+  for (const auto& [name, value] : r.headers) names.push_back(name);
+  return names;
 }
 
 HttpResponse consoleRedirect() {
@@ -63,7 +50,7 @@ HttpResponse consoleFile(const HttpRequest& request, std::string_view file) {
   HttpResponse r;
   r.headers["ETag"] = std::string(found->etag);
   secure(r);
-  if (holds(request.header("if-none-match"), found->etag)) {
+  if (ifNoneMatchHolds(request.header("if-none-match"), found->etag)) {
     r.status = 304;
     return r;
   }

@@ -2,6 +2,7 @@
 // sent as. Kept apart from the connection handling: these are pure functions.
 #include <unicode/utf8.h>
 
+#include <algorithm>
 #include <string>
 
 #include "KELVOCore/HttpServer.h"
@@ -130,6 +131,26 @@ std::string_view reasonPhrase(std::int64_t status) {
     case 504: return "Gateway Timeout";
     default: return "OK";
   }
+}
+
+std::string_view bareTag(std::string_view tag) {
+  while (!tag.empty() && (tag.front() == ' ' || tag.front() == '\t')) tag.remove_prefix(1);
+  while (!tag.empty() && (tag.back() == ' ' || tag.back() == '\t')) tag.remove_suffix(1);
+  // Browsers may send a strong tag back marked weak.
+  if (tag.starts_with("W/")) tag.remove_prefix(2);
+  if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"') tag = tag.substr(1, tag.size() - 2);
+  return tag;
+}
+
+bool ifNoneMatchHolds(std::string_view header, std::string_view tag) {
+  const std::string_view wanted = bareTag(tag);
+  for (std::size_t from = 0; from <= header.size();) {
+    const std::size_t comma = std::min(header.find(',', from), header.size());
+    const std::string_view candidate = bareTag(header.substr(from, comma - from));
+    if (candidate == "*" || candidate == wanted) return true;
+    from = comma + 1;
+  }
+  return false;
 }
 
 std::string serializeResponseHead(const HttpResponse& response, std::uint64_t contentLength, bool close) {

@@ -46,17 +46,6 @@ std::int64_t millisSince(SteadyClock::time_point start) {
   return static_cast<std::int64_t>(ms);
 }
 
-// The tag a client holds: echoed as sent or quoted, and browsers may mark it weak.
-std::string_view bareTag(std::string_view candidate) {
-  while (!candidate.empty() && (candidate.front() == ' ' || candidate.front() == '\t')) candidate.remove_prefix(1);
-  while (!candidate.empty() && (candidate.back() == ' ' || candidate.back() == '\t')) candidate.remove_suffix(1);
-  if (candidate.starts_with("W/")) candidate.remove_prefix(2);
-  if (candidate.size() >= 2 && candidate.front() == '"' && candidate.back() == '"') {
-    candidate = candidate.substr(1, candidate.size() - 2);
-  }
-  return candidate;
-}
-
 HttpResponse errorFor(const TtsError& e) {
   return HttpResponse::error(e.httpStatus(), errorName(e.code), e.message);
 }

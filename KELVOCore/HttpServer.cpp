@@ -195,7 +195,6 @@ struct HttpServer::Impl {
   const Options options;
   QuickHandler quick;  // set before start(), read-only while running
 
-
   mutable std::mutex lock;  // guards the three below
   bool running = false;
   std::int64_t boundPort = 0;

@@ -90,6 +90,13 @@ struct HttpResponse {
 // The phrase of the status line; "OK" for any status not in the table.
 std::string_view reasonPhrase(std::int64_t status);
 
+// One entity tag as a client sent it back, without surrounding blanks, a weak
+// mark or its quotes: `"AB"`, `W/"AB"` and `AB` all give `AB`.
+std::string_view bareTag(std::string_view tag);
+// Whether an If-None-Match value ("*", or a comma-separated list of tags)
+// holds `tag`; tags are compared bare.
+bool ifNoneMatchHolds(std::string_view header, std::string_view tag);
+
 // The bytes sent for an in-memory `response` (`bodyFile` is not looked at):
 // status line, headers in ascending name order, then "Content-Length" and
 // "Connection" ("close" or "keep-alive"), blank line, body. Handler headers
