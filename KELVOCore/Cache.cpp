@@ -224,29 +224,35 @@ void keepBackup(const std::string& index, const std::string& backup) {
 
 std::string makeCacheKey(const TtsRequest& request, const VoiceInfo& voice, std::string_view engineTag,
                          std::int64_t sampleRate, bool speedApplied) {
-  // to_chars rather than printf: the key must not change with the C locale.
-  char speed[32];
-  const auto speedEnd =
-      std::to_chars(speed, speed + sizeof speed, static_cast<double>(request.speed), std::chars_format::fixed, 3).ptr;
-  const std::string parts[] = {std::string(engineTag),
-                               voice.id,
-                               voice.profileFile,
-                               voice.style,
-                               std::to_string(voice.seed),
-                               std::string(speed, speedEnd),
-                               speedApplied ? "True" : "False",
-                               std::to_string(sampleRate),
-                               std::to_string(request.seed),
-                               request.style,
-                               request.effectiveText()};
-  std::size_t length = std::size(parts);
-  for (const std::string& part : parts) length += part.size();
-  std::string joined;
-  joined.reserve(length);
-  for (const std::string& part : parts) {
-    if (&part != parts) joined += '|';
+  // Joined in one buffer the thread keeps: this runs on every request, cached
+  // or not. to_chars rather than printf: the key must not change with the C locale.
+  thread_local std::string joined;
+  joined.clear();
+  char number[32];
+  const auto put = [&](std::string_view part) {
     joined += part;
+    joined += '|';
+  };
+  const auto putInt = [&](std::int64_t value) {
+    put(std::string_view(number, std::to_chars(number, number + sizeof number, value).ptr));
+  };
+  put(engineTag);
+  put(voice.id);
+  put(voice.profileFile);
+  put(voice.style);
+  putInt(voice.seed);
+  put(std::string_view(number, std::to_chars(number, number + sizeof number, static_cast<double>(request.speed),
+                                              std::chars_format::fixed, 3).ptr));
+  put(speedApplied ? "True" : "False");
+  putInt(sampleRate);
+  putInt(request.seed);
+  put(request.style);
+  if (!request.style.empty()) {  // the text as effectiveText() gives it, without its temporary
+    joined += '[';
+    joined += request.style;
+    joined += "] ";
   }
+  joined += request.text;
   return sha256Utf8(joined);
 }
 
@@ -766,7 +772,10 @@ void WavCache::saveIndex(bool force) {
   if (ec) AppLog::warn(kSource, "cannot write cache index: " + ec.message());
 }
 
-void WavCache::setEnabled(bool enabled) { enabled_ = enabled; }
+void WavCache::setEnabled(bool enabled) {
+  // Called on every request: a store only on a change keeps the line shared between the cores.
+  if (enabled_.load(std::memory_order_relaxed) != enabled) enabled_ = enabled;
+}
 
 bool WavCache::isEnabled() const { return enabled_; }
 

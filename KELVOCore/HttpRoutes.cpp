@@ -444,15 +444,18 @@ std::optional<HttpResponse> TtsHttpService::speak(const HttpRequest& request, co
       response.status = 304;
       response.headers = {{"ETag", result.etag}, {"X-KELVO-Result", "ok"}};
     } else {
-      response.headers = {{"Content-Type", std::string(contentType(result.format))},
-                          {"ETag", result.etag},
-                          {"X-KELVO-Result", "ok"},
-                          {"X-KELVO-Engine", result.engine},
-                          {"X-KELVO-Voice", result.voiceId},
-                          {"X-KELVO-Sample-Rate", std::to_string(deliveredSampleRate(result.format, result.sampleRate))},
-                          {"X-KELVO-Duration-Ms", std::to_string(result.durationMs)},
-                          {"X-KELVO-Synth-Ms", std::to_string(result.synthMs)},
-                          {"X-KELVO-Cache", result.fromCache ? "hit" : "miss"}};
+      // One by one, each built in its place: a braced list copies every name
+      // and value once more, on every cached line.
+      auto& h = response.headers;
+      h.try_emplace("Content-Type", contentType(result.format));
+      h.try_emplace("ETag", result.etag);
+      h.try_emplace("X-KELVO-Result", "ok");
+      h.try_emplace("X-KELVO-Engine", result.engine);
+      h.try_emplace("X-KELVO-Voice", result.voiceId);
+      h.try_emplace("X-KELVO-Sample-Rate", std::to_string(deliveredSampleRate(result.format, result.sampleRate)));
+      h.try_emplace("X-KELVO-Duration-Ms", std::to_string(result.durationMs));
+      h.try_emplace("X-KELVO-Synth-Ms", std::to_string(result.synthMs));
+      h.try_emplace("X-KELVO-Cache", result.fromCache ? "hit" : "miss");
       response.body = std::move(reply.result.wav);
       response.bodyFile = std::move(reply.file);
     }

@@ -347,9 +347,10 @@ std::shared_ptr<TtsEngine> TtsService::activeEngine() {
   // Only a missing engine gives way: a loading or failed one is waited for or
   // fails in the queue, never silently replaced by placeholder audio.
   const bool missing = s2().currentState() == S2EngineState::missing;
-  {
-    std::lock_guard guard(lock_);
-    usingPlaceholder_ = missing;
+  // Written only on a change: every request passes here, from every I/O
+  // thread, and a store each time would bounce the line between the cores.
+  if (usingPlaceholder_.load(std::memory_order_relaxed) != missing) {
+    usingPlaceholder_.store(missing, std::memory_order_relaxed);
   }
   if (missing) return parts_.placeholder;
   return parts_.s2;
@@ -510,8 +511,8 @@ ServiceStats TtsService::stats() {
     s.failed = failedCount_;
     s.totalAudioMs = totalAudioMs_;
     s.totalSynthMs = totalSynthMs_;
-    s.placeholder = usingPlaceholder_;
   }
+  s.placeholder = usingPlaceholder_.load(std::memory_order_relaxed);
   s.queueDepth = queue_->depth();
   s.busy = queue_->busy();
   s.prewarmPending = prewarmPending();
@@ -544,9 +545,6 @@ bool TtsService::isCached(const TtsRequest& original) {
   return cache().contains(plan(request, *voice).key);
 }
 
-bool TtsService::usingPlaceholder() const {
-  std::lock_guard guard(lock_);
-  return usingPlaceholder_;
-}
+bool TtsService::usingPlaceholder() const { return usingPlaceholder_.load(std::memory_order_relaxed); }
 
 }  // namespace kelvo

@@ -18,6 +18,7 @@
 // output rate, normalisation, cache switch or timeout applies to the next one.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <future>
 #include <map>
@@ -211,8 +212,8 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   std::mutex creatingLock_;  // guards creating_; never held across a creation
   std::map<std::string, std::shared_future<VoiceInfo>> creating_;  // by default-voice key
 
+  std::atomic<bool> usingPlaceholder_{false};
   mutable std::mutex lock_;  // guards the fields below
-  bool usingPlaceholder_ = false;
   std::vector<std::int64_t> durations_;
   std::int64_t totalCount_ = 0;
   std::int64_t failedCount_ = 0;

@@ -10,6 +10,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <memory>
 
 #include "KELVOCore/I18n.h"
 
@@ -342,9 +343,17 @@ std::string sha256Bytes(std::span<const std::uint8_t> data) {
   // Fetched once: EVP_sha256() makes every digest look the algorithm up
   // again behind the provider's locks, which showed on every cache hit.
   static EVP_MD* const sha256 = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  // One context per thread, reset for each digest: EVP_Digest() makes and
+  // frees one every time, which showed as much as the hashing itself.
+  thread_local const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
+                                                                                   EVP_MD_CTX_free);
+  const EVP_MD* const algorithm = sha256 != nullptr ? sha256 : EVP_sha256();
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  EVP_Digest(data.data(), data.size(), digest, &length, sha256 != nullptr ? sha256 : EVP_sha256(), nullptr);
+  const bool reused = context && EVP_DigestInit_ex2(context.get(), algorithm, nullptr) == 1 &&
+                      EVP_DigestUpdate(context.get(), data.data(), data.size()) == 1 &&
+                      EVP_DigestFinal_ex(context.get(), digest, &length) == 1;
+  if (!reused) EVP_Digest(data.data(), data.size(), digest, &length, algorithm, nullptr);
   static constexpr char hex[] = "0123456789ABCDEF";
   std::string out;
   out.reserve(length * 2);
