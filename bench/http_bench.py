@@ -3,8 +3,9 @@
 
 Starts both on loopback ports, serves the same 5 s WAV line (kelvo from its
 cache through POST /v1/tts, nginx as a static file with sendfile), and runs wrk
-with 2 threads and 64 keep-alive connections for 10 s per case. Prints
-requests/s, p99 latency and the ratios, kelvo's resident memory idle and after
+with 2 threads and 64 keep-alive connections for 10 s, alternating kelvo and
+nginx 5 times per case (BENCH_ROUNDS). Prints the median requests/s, p99
+latency and ratio with the range of the ratios, kelvo's resident memory idle and after
 the cached-line run, and the time from `kelvo serve` to the first 200 from
 /v1/health with 10,000 cached lines.
 
@@ -32,7 +33,7 @@ ARGS = [a for a in sys.argv[1:] if a != "--soak"]
 SOAK = "--soak" in sys.argv[1:]
 KELVO = os.path.abspath(ARGS[0] if ARGS else "build/kelvo")
 DURATION = os.environ.get("BENCH_SECONDS", "10")
-ROUNDS = int(os.environ.get("BENCH_ROUNDS", "3"))
+ROUNDS = int(os.environ.get("BENCH_ROUNDS", "5"))
 SOAK_SECONDS = int(os.environ.get("SOAK_SECONDS", "600"))
 
 
@@ -210,7 +211,7 @@ def main():
             ("GET /v1/health", lambda: wrk(base + "/v1/health", work), lambda: wrk(nginx + "/tiny.json", work)),
         ]
         loads = []
-        print(f"{'case':34} {'kelvo req/s':>12} {'nginx req/s':>12} {'ratio':>6} {'goal':>5} "
+        print(f"{'case':34} {'kelvo req/s':>12} {'nginx req/s':>12} {'ratio':>6} {'range':>11} {'goal':>5} "
               f"{'kelvo p99':>10} {'nginx p99':>10}  (medians of {ROUNDS} alternating runs of {DURATION} s)")
         for name, ours, theirs in plans:
             runs = []
@@ -220,12 +221,13 @@ def main():
             median = lambda values: sorted(values)[len(values) // 2]
             k_rps, k_p99 = median([k[0] for k, _ in runs]), median([k[1] for k, _ in runs])
             n_rps, n_p99 = median([n[0] for _, n in runs]), median([n[1] for _, n in runs])
-            ratio = median([k[0] / n[0] for k, n in runs])
+            ratios = sorted(k[0] / n[0] for k, n in runs)
+            ratio = median(ratios)
             verdict = "" if ratio >= 1.0 else "  (below goal)"
             if name.startswith("cached") and k_p99 > n_p99:
                 verdict += "  (p99 above nginx's)"
-            print(f"{name:34} {k_rps:12.0f} {n_rps:12.0f} {ratio:6.2f} {1.0:5.1f} {k_p99:8.2f}ms {n_p99:8.2f}ms"
-                  f"{verdict}", flush=True)
+            print(f"{name:34} {k_rps:12.0f} {n_rps:12.0f} {ratio:6.2f} {ratios[0]:5.2f}-{ratios[-1]:<5.2f} {1.0:5.1f} "
+                  f"{k_p99:8.2f}ms {n_p99:8.2f}ms{verdict}", flush=True)
         after = rss_mb(kelvo.pid)
         print(f"load average during the runs: mean {sum(loads) / len(loads):.2f}, highest {max(loads):.2f} "
               f"(2 cores, shared with wrk and any neighbours)")
