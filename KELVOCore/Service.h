@@ -212,7 +212,7 @@ class TtsService : public std::enable_shared_from_this<TtsService> {
   std::mutex creatingLock_;  // guards creating_; never held across a creation
   std::map<std::string, std::shared_future<VoiceInfo>> creating_;  // by default-voice key
 
-  std::atomic<bool> usingPlaceholder_{false};
+  std::atomic<bool> usingPlaceholder_{false};  // the last request fell back to the placeholder; read without a lock
   mutable std::mutex lock_;  // guards the fields below
   std::vector<std::int64_t> durations_;
   std::int64_t totalCount_ = 0;
