@@ -350,9 +350,10 @@ void WavCache::checkDirectory() {
     return std::binary_search(listed.begin(), listed.end(), name);
   };
 
-  // Entries whose file is not listed, and variants, are looked at on disk
-  // without the lock; entries stored meanwhile were written before they were
-  // indexed, so a second look under the lock tells a lost file from a new one.
+  // Entries whose file is not listed get a second look, under the lock: a line
+  // stored meanwhile was written before it was indexed, so the file being
+  // there tells a new entry from a lost one. Variants are looked at without
+  // the lock; one re-encoded meanwhile would only be encoded once more.
   std::vector<std::pair<std::string, std::string>> unlisted;  // key, file name
   std::vector<std::tuple<std::string, std::string, std::int64_t>> variants;  // key, name, size
   std::vector<std::string> orphans;
@@ -399,14 +400,23 @@ void WavCache::checkDirectory() {
     dirty_ = true;
   }
   adoptOrphans(orphans);
+  std::size_t entries = 0;
+  std::int64_t bytes = 0;
   {
     std::lock_guard guard(lock_);
-    AppLog::info(kSource, formatText("cache loaded: %zu entries / %.1f MB from %s", items_.size(),
-                                     static_cast<double>(bytes_) / 1048576.0, dir_));
-    if (dropped > 0) {
-      AppLog::info(kSource, "dropped " + std::to_string(dropped) +
-                                " cache entries without a clip of their own (gone, or named by another entry)");
-    }
+    entries = items_.size();
+    bytes = bytes_;
+  }
+  // Logged without the lock (the log may write to a terminal while hits
+  // wait), and before flush() lets go: the report is part of the check.
+  AppLog::info(kSource, formatText("cache loaded: %zu entries / %.1f MB from %s", entries,
+                                   static_cast<double>(bytes) / 1048576.0, dir_));
+  if (dropped > 0) {
+    AppLog::info(kSource, "dropped " + std::to_string(dropped) +
+                              " cache entries without a clip of their own (gone, or named by another entry)");
+  }
+  {
+    std::lock_guard guard(lock_);
     --writesInFlight_;
   }
   writeDone_.notify_all();

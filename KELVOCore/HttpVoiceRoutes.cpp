@@ -115,8 +115,7 @@ HttpResponse TtsHttpService::voiceClip(const std::string& id, const std::string&
   const bool digits = !index.empty() && index.size() < 6 &&
                       std::all_of(index.begin(), index.end(), [](char c) { return c >= '0' && c <= '9'; });
   const std::size_t n = digits ? std::stoul(index) : voice->clips.size();
-  if (n >= voice->clips.size()) return HttpResponse::error(404, "not_found", T("这个音色没有这段参考音频:") + index);
-  const std::string path = service_->voices().clipPath(voice->clips[n]);
+  const std::string path = n < voice->clips.size() ? service_->voices().clipPath(voice->clips[n]) : "";
   std::optional<Bytes> audio = path.empty() ? std::nullopt : readFile(path);
   if (!audio) return HttpResponse::error(404, "not_found", T("这个音色没有这段参考音频:") + index);
   const std::string extension = sniffExtension(*audio);
