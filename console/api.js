@@ -8,7 +8,7 @@ const storageKey = 'kelvo.apiKey';
 let askForKey = async () => null;
 let pendingAsk = null;
 
-export class ApiError extends Error {
+class ApiError extends Error {
   constructor(status, code, message) {
     super(message);
     this.status = status;

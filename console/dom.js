@@ -3,7 +3,7 @@
 import { t } from './i18n.js';
 
 let serial = 0;
-export const uid = (prefix) => `${prefix}-${++serial}`;
+const uid = (prefix) => `${prefix}-${++serial}`;
 
 // h('button', {class: 'primary', onclick: fn}, 'text', child...). Attributes
 // are set as attributes, on* as listeners; value and checked as properties,
@@ -54,13 +54,30 @@ export function showError(line, error) {
 
 // What went wrong, in words: the service's own message, with a plain
 // sentence first when the key lacks the scope.
-export function describe(error) {
+function describe(error) {
   if (error && error.status === 403) return `${t('err.scope')} ${error.message}`;
   return (error && error.message) || String(error);
 }
 
 export function statusLine() {
   return h('p', { class: 'status', role: 'status' });
+}
+
+// Runs `step` now and again `ms` after each run settles, until the returned
+// stop() is called or `step` resolves to false. A run still in flight when
+// stop() is called is the last one: a view left mid-request polls no more.
+export function poll(step, ms) {
+  let stopped = false;
+  let timer = null;
+  const tick = async () => {
+    const more = await step();
+    if (!stopped && more !== false) timer = setTimeout(tick, ms);
+  };
+  tick();
+  return () => {
+    stopped = true;
+    clearTimeout(timer);
+  };
 }
 
 // Runs `work` with `button` disabled, showing a failure in `line`.
@@ -87,6 +104,13 @@ export function humanBytes(bytes) {
   if (bytes < 1024 * 1024) return `${(bytes / 1024).toFixed(0)} KB`;
   if (bytes < 1024 * 1024 * 1024) return `${(bytes / 1024 / 1024).toFixed(1)} MB`;
   return `${(bytes / 1024 / 1024 / 1024).toFixed(2)} GB`;
+}
+
+// A blob: URL for `blob`, the one it replaces (if any) given up first, so
+// replaying or re-downloading does not keep every earlier blob alive.
+export function replaceUrl(old, blob) {
+  if (old) URL.revokeObjectURL(old);
+  return URL.createObjectURL(blob);
 }
 
 // Reads a File as base64 without the data: prefix.

@@ -5,28 +5,42 @@ const workletUrl = new URL('./recorder-worklet.js', import.meta.url);
 
 export class WavRecorder {
   async start() {
-    this.stream = await navigator.mediaDevices.getUserMedia({ audio: { channelCount: 1 } });
-    this.context = new AudioContext();
-    await this.context.audioWorklet.addModule(workletUrl);
-    this.chunks = [];
-    this.source = this.context.createMediaStreamSource(this.stream);
-    this.node = new AudioWorkletNode(this.context, 'kelvo-recorder');
-    this.node.port.onmessage = (event) => this.chunks.push(event.data);
-    this.source.connect(this.node);
+    try {
+      this.stream = await navigator.mediaDevices.getUserMedia({ audio: { channelCount: 1 } });
+      this.context = new AudioContext();
+      await this.context.audioWorklet.addModule(workletUrl);
+      this.chunks = [];
+      this.source = this.context.createMediaStreamSource(this.stream);
+      this.node = new AudioWorkletNode(this.context, 'kelvo-recorder');
+      this.node.port.onmessage = (event) => this.chunks.push(event.data);
+      this.source.connect(this.node);
+    } catch (error) {
+      await this.release();
+      throw error;
+    }
   }
 
   // Stops and resolves to a WAV Blob of everything heard since start().
   async stop() {
     this.source.disconnect();
     this.node.port.onmessage = null;
-    for (const track of this.stream.getTracks()) track.stop();
     const rate = this.context.sampleRate;
-    await this.context.close();
+    await this.release();
     return encodeWav(this.chunks, rate);
+  }
+
+  // Lets go of the microphone and the audio context, keeping what was heard;
+  // safe after a failed start() and more than once.
+  async release() {
+    if (this.stream) for (const track of this.stream.getTracks()) track.stop();
+    const context = this.context;
+    this.stream = null;
+    this.context = null;
+    if (context && context.state !== 'closed') await context.close();
   }
 }
 
-export function encodeWav(chunks, rate) {
+function encodeWav(chunks, rate) {
   const frames = chunks.reduce((sum, c) => sum + c.length, 0);
   const view = new DataView(new ArrayBuffer(44 + frames * 2));
   const text = (offset, s) => [...s].forEach((ch, i) => view.setUint8(offset + i, ch.charCodeAt(0)));

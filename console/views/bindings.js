@@ -4,7 +4,7 @@
 import { getJson, sendJson } from '../api.js';
 import { busy, errorLine, field, h, select, showError } from '../dom.js';
 import { t } from '../i18n.js';
-import { genderName, genderOptions, languageName, languageOptions } from './choices.js';
+import { genderName, genderOptions, languageName, languageOptions, voiceLabel } from './choices.js';
 
 export const id = 'bindings';
 
@@ -25,7 +25,7 @@ export function render(root) {
       showError(loadError, error);
       return;
     }
-    const voiceOptions = [['', t('bind.noVoice')], ...voices.map((v) => [v.id, `${v.display || v.id} (${v.id})`])];
+    const voiceOptions = [['', t('bind.noVoice')], ...voices.map((v) => [v.id, voiceLabel(v)])];
     airlineBox.replaceChildren(table('airlines', airlines, voiceOptions, load));
     defaultBox.replaceChildren(table('defaults', defaults, voiceOptions, load));
   }

@@ -20,3 +20,8 @@ export function genderName(code) {
   const found = genderOptions().find(([value]) => value === code);
   return found ? found[1] : code;
 }
+
+// A voice as the pickers list it: its name, then its id.
+export function voiceLabel(voice) {
+  return `${voice.display || voice.id} (${voice.id})`;
+}

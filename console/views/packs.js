@@ -1,8 +1,9 @@
 // Packs: chosen voices and airlines exported as a .cln download, and an
 // uploaded pack imported with the summary the service gives.
 import { call, getJson } from '../api.js';
-import { busy, errorLine, field, fileName, h, showError } from '../dom.js';
+import { busy, errorLine, field, fileName, h, replaceUrl, showError } from '../dom.js';
 import { t } from '../i18n.js';
+import { voiceLabel } from './choices.js';
 
 export const id = 'packs';
 
@@ -24,7 +25,7 @@ export function render(root) {
     return h('label', { class: 'check' }, h('input', { type: 'checkbox', name, value }), label);
   }
   Promise.all([getJson('/v1/voices'), getJson('/v1/airlines')]).then(([{ voices }, { airlines }]) => {
-    voiceBox.append(...(voices.length ? voices.map((v) => checkbox('voice', v.id, `${v.display || v.id} (${v.id})`))
+    voiceBox.append(...(voices.length ? voices.map((v) => checkbox('voice', v.id, voiceLabel(v)))
       : [h('p', {}, t('voices.none'))]));
     const codes = [...new Set(airlines.map((a) => a.airline))];
     airlineBox.append(...(codes.length ? codes.map((c) => checkbox('airline', c, c)) : [h('p', {}, t('bind.none'))]));
@@ -36,8 +37,7 @@ export function render(root) {
     busy(exportButton, exportError, async () => {
       const response = await call('POST', '/v1/packs/export', { json: { voices: chosen('voice'), airlines: chosen('airline') } });
       const blob = await response.blob();
-      if (packUrl) URL.revokeObjectURL(packUrl);
-      packUrl = URL.createObjectURL(blob);
+      packUrl = replaceUrl(packUrl, blob);
       link.href = packUrl;
       link.download = fileName(response, 'kelvo.cln');
       link.textContent = t('packs.save', { name: link.download, size: Math.ceil(blob.size / 1024) });

@@ -2,7 +2,7 @@
 // /v1/stats (prewarm_pending, prewarm_failed, prewarm_failures) until done or
 // cancelled with DELETE /v1/prewarm.
 import { getJson, sendJson } from '../api.js';
-import { busy, errorLine, field, h, select, showError, statusLine } from '../dom.js';
+import { busy, errorLine, field, h, poll, select, showError, statusLine } from '../dom.js';
 import { t } from '../i18n.js';
 import { genderOptions, languageOptions } from './choices.js';
 
@@ -25,27 +25,37 @@ export function render(root) {
   const failures = h('div', { 'aria-live': 'polite' });
   const progress = h('section', { class: 'card', hidden: true, 'aria-labelledby': 'bake-progress' },
     h('h3', { id: 'bake-progress' }, t('bake.progress')), h('div', { class: 'bar' }, bar, percent), numbers, failures);
-  let timer = null;
+  let stopPolling = () => {};
   let run = null;
+  let left = false;
 
   file.addEventListener('change', async () => {
     if (file.files[0]) lines.value = await file.files[0].text();
   });
 
   function stopWatching() {
-    clearTimeout(timer);
-    timer = null;
+    stopPolling();
+    stopPolling = () => {};
     cancel.disabled = true;
   }
 
+  function startWatching(started) {
+    stopWatching();
+    run = started;
+    progress.hidden = false;
+    cancel.disabled = false;
+    stopPolling = poll(watch, pollMs);
+  }
+
+  // One look at the run's progress; false once there is nothing more to watch.
   async function watch() {
     let stats;
     try {
       stats = await getJson('/v1/stats');
     } catch (e) {
       showError(error, e);
-      stopWatching();
-      return;
+      cancel.disabled = true;
+      return false;
     }
     const pending = Math.min(stats.prewarm_pending, run.queued);
     const done = run.cached + run.queued - pending;
@@ -63,8 +73,8 @@ export function render(root) {
     const shown = newFailures > 0 ? stats.prewarm_failures.slice(-newFailures) : [];
     failures.replaceChildren(shown.length ? h('div', { class: 'warnings' }, h('strong', {}, t('bake.failures', { n: newFailures })),
       h('ul', {}, shown.map((f) => h('li', {}, h('q', {}, f.text), ' — ', f.reason)))) : '');
-    if (pending === 0) stopWatching();
-    else timer = setTimeout(watch, pollMs);
+    if (pending === 0) cancel.disabled = true;
+    return pending > 0;
   }
 
   const form = h('form', { class: 'card', onsubmit: (event) => {
@@ -76,10 +86,10 @@ export function render(root) {
       const before = await getJson('/v1/stats');
       const answer = await sendJson('POST', '/v1/prewarm', { items: texts.map((text) => ({ text })),
         airline: airline.value.trim(), language: language.value, gender: gender.value });
-      run = { queued: answer.queued, cached: answer.cached, failedBefore: before.prewarm_failed, started: performance.now() };
-      progress.hidden = false;
-      cancel.disabled = false;
-      await watch();
+      if (!left) {
+        startWatching({ queued: answer.queued, cached: answer.cached, failedBefore: before.prewarm_failed,
+          started: performance.now() });
+      }
     });
   } },
   field(t('bake.lines'), lines, t('bake.linesHint')),
@@ -87,23 +97,26 @@ export function render(root) {
     field(t('common.language'), language), field(t('common.gender'), gender)),
   h('div', { class: 'actions' }, start, cancel, error));
 
+  // busy() enables the button again afterwards; only a cancel that went through leaves it off.
   cancel.addEventListener('click', () => busy(cancel, error, async () => {
     const answer = await sendJson('DELETE', '/v1/prewarm');
-    stopWatching();
+    stopPolling();
     numbers.textContent = t('bake.cancelled', { n: answer.dropped });
-  }).finally(() => { cancel.disabled = true; }));
+    return true;
+  }).then((cancelled) => { if (cancelled) stopWatching(); }));
 
   root.append(h('p', { class: 'lead' }, t('bake.lead')), form, progress);
   // A pre-bake started earlier (here, from the command line or by a client)
   // is still running: follow what is left of it.
   getJson('/v1/stats').then((stats) => {
-    if (stats.prewarm_pending === 0 || run) return;
-    run = { queued: stats.prewarm_pending, cached: 0, failedBefore: stats.prewarm_failed, started: performance.now() };
-    progress.hidden = false;
-    cancel.disabled = false;
-    watch();
+    if (left || stats.prewarm_pending === 0 || run) return;
+    startWatching({ queued: stats.prewarm_pending, cached: 0, failedBefore: stats.prewarm_failed,
+      started: performance.now() });
   }).catch((e) => showError(error, e));
-  return () => stopWatching();
+  return () => {
+    left = true;
+    stopWatching();
+  };
 }
 
 function formatSeconds(seconds) {

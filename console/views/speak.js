@@ -1,9 +1,9 @@
 // Speak: one line through POST /v1/tts, played in the page and offered as a
 // download, with what the service says about it (cache, voice, engine, time).
 import { call, getJson } from '../api.js';
-import { busy, errorLine, field, h, select } from '../dom.js';
+import { busy, errorLine, field, h, replaceUrl, select } from '../dom.js';
 import { t } from '../i18n.js';
-import { genderOptions, languageOptions } from './choices.js';
+import { genderOptions, languageOptions, voiceLabel } from './choices.js';
 
 let lastUrl = null;
 
@@ -25,7 +25,7 @@ export function render(root) {
   const result = h('section', { class: 'result', hidden: true, 'aria-label': t('speak.result') }, audio, download, facts);
 
   getJson('/v1/voices').then(({ voices }) => {
-    for (const v of voices) voice.append(h('option', { value: v.id }, `${v.display || v.id} (${v.id})`));
+    for (const v of voices) voice.append(h('option', { value: v.id }, voiceLabel(v)));
   }).catch(() => {});
 
   const form = h('form', { class: 'card', onsubmit: (event) => {
@@ -38,8 +38,7 @@ export function render(root) {
       } });
       const blob = await response.blob();
       const wall = Math.round(performance.now() - started);
-      if (lastUrl) URL.revokeObjectURL(lastUrl);
-      lastUrl = URL.createObjectURL(blob);
+      lastUrl = replaceUrl(lastUrl, blob);
       audio.src = lastUrl;
       download.href = lastUrl;
       download.hidden = false;

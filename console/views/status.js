@@ -1,7 +1,7 @@
 // Status: the engine, GPU, queue, counters and timings from /v1/health and
 // /v1/stats, refreshed every few seconds, and a live tail of /v1/log.
 import { getJson } from '../api.js';
-import { describe, field, h, humanBytes, select } from '../dom.js';
+import { errorLine, field, h, humanBytes, poll, select, showError } from '../dom.js';
 import { t } from '../i18n.js';
 
 export const id = 'status';
@@ -10,13 +10,12 @@ const refreshMs = 3000;
 
 export function render(root) {
   const facts = h('dl', { class: 'facts wide' });
-  const error = h('p', { class: 'error', role: 'alert', hidden: true });
+  const error = errorLine();
   const level = select([['', t('status.allLevels')], ['INFO', 'INFO'], ['WARN', 'WARN'], ['ERROR', 'ERROR'],
     ['DEBUG', 'DEBUG']], '');
   const log = h('pre', { class: 'log', tabindex: 0, 'aria-label': t('status.log'), 'aria-live': 'off' });
-  const logError = h('p', { class: 'error', role: 'alert', hidden: true });
+  const logError = errorLine();
   let lines = [];
-  let timer = null;
 
   function showLog() {
     const wanted = level.value;
@@ -28,7 +27,7 @@ export function render(root) {
   async function refresh() {
     try {
       const [health, stats] = await Promise.all([getJson('/v1/health'), getJson('/v1/stats')]);
-      error.hidden = true;
+      showError(error, null);
       const state = health.engine_ready ? t('status.ready') : t('status.notReady');
       facts.replaceChildren(...[
         [t('status.engine'), `${health.engine} — ${state}${health.placeholder ? ` (${t('status.placeholder')})` : ''}`, 'engine'],
@@ -44,18 +43,15 @@ export function render(root) {
         [t('status.prebake'), t('status.prebakeValue', { pending: stats.prewarm_pending, failed: stats.prewarm_failed })],
       ].flatMap(([k, v, name]) => [h('dt', {}, k), h('dd', { 'data-fact': name || null }, v)]));
     } catch (e) {
-      error.hidden = false;
-      error.textContent = describe(e);
+      showError(error, e);
     }
     try {
       ({ lines } = await getJson('/v1/log?lines=200'));
-      logError.hidden = true;
+      showError(logError, null);
       showLog();
     } catch (e) {
-      logError.hidden = false;
-      logError.textContent = describe(e);
+      showError(logError, e);
     }
-    timer = setTimeout(refresh, refreshMs);
   }
 
   root.append(
@@ -63,6 +59,5 @@ export function render(root) {
       error, facts),
     h('section', { class: 'card', 'aria-labelledby': 'status-log' }, h('h3', { id: 'status-log' }, t('status.log')),
       h('div', { class: 'row' }, field(t('status.level'), level)), logError, log));
-  refresh();
-  return () => clearTimeout(timer);
+  return poll(refresh, refreshMs);
 }

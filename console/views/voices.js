@@ -1,7 +1,7 @@
 // Voices: the library with each voice's reference clips (playable), removal
 // after a confirmation, and cloning from uploaded files or the microphone.
 import { call, getJson, sendJson, voicePath } from '../api.js';
-import { base64Of, busy, errorLine, field, h, select, showError, statusLine } from '../dom.js';
+import { base64Of, busy, errorLine, field, h, replaceUrl, select, showError, statusLine } from '../dom.js';
 import { t } from '../i18n.js';
 import { WavRecorder } from '../recorder.js';
 import { genderName, genderOptions, languageName, languageOptions } from './choices.js';
@@ -18,8 +18,7 @@ export function render(root) {
   async function playClip(voice, index, button, line) {
     await busy(button, line, async () => {
       const blob = await (await call('GET', `${voicePath(voice.id)}/clips/${index}`)).blob();
-      if (clipUrl) URL.revokeObjectURL(clipUrl);
-      clipUrl = URL.createObjectURL(blob);
+      clipUrl = replaceUrl(clipUrl, blob);
       player.src = clipUrl;
       player.hidden = false;
       await player.play().catch(() => {});
@@ -68,12 +67,15 @@ export function render(root) {
       h('tbody', {}, rows)));
   }
 
+  const clone = cloneForm(load);
   root.append(h('section', { class: 'card', 'aria-labelledby': 'voices-list' },
-    h('h3', { id: 'voices-list' }, t('voices.listTitle')), listError, list, player), cloneForm(load));
+    h('h3', { id: 'voices-list' }, t('voices.listTitle')), listError, list, player), clone.form);
   load();
+  return clone.leave;
 }
 
-// The clone form: files and recordings gathered as clips, each with what it says.
+// The clone form: files and recordings gathered as clips, each with what it
+// says; `leave` turns off a microphone still recording when the view goes.
 function cloneForm(reload) {
   const clips = [];  // {blob, name, text}
   const display = h('input', { type: 'text', required: true });
@@ -164,5 +166,11 @@ function cloneForm(reload) {
   clipList,
   h('div', { class: 'actions' }, submit, error),
   outcome);
-  return form;
+  return {
+    form,
+    leave: () => {
+      if (recorder) recorder.release();
+      recorder = null;
+    },
+  };
 }

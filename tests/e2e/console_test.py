@@ -295,6 +295,19 @@ class ConsoleTest(unittest.TestCase):
         self.assertNotIn("service started on", page.text("pre.log"))
         page.choose("Level", "")
         page.shot("status-en")
+        # Left for another view while its first refresh is still on the way,
+        # the status view polls no more.
+        page.open("speak")
+        self.driver.execute_script("addEventListener('hashchange', () => setTimeout(() => { location.hash = 'speak'; }),"
+                                   " {once: true}); location.hash = 'status';")
+        page.wait(lambda: self.driver.execute_script(
+            "return location.hash === '#speak' && document.getElementById('view').dataset.view === 'speak'"),
+            "the speak view again")
+        polls = "return performance.getEntriesByType('resource').filter(e => e.name.includes('/v1/log')).length"
+        time.sleep(1)  # the refresh that was on the way has finished
+        before = self.driver.execute_script(polls)
+        time.sleep(3.5)  # longer than the status view's 3 s period
+        self.assertEqual(self.driver.execute_script(polls), before, "the status view still polls after it was left")
 
     def test_pack_export_and_import(self):
         page = self.page
