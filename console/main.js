@@ -26,7 +26,6 @@ function applyShellTexts() {
   for (const el of document.querySelectorAll('[data-text]')) el.textContent = t(el.dataset.text);
   for (const el of document.querySelectorAll('[data-label]')) el.setAttribute('aria-label', t(el.dataset.label));
   picker.value = language();
-  forget.hidden = !hasKey();
 }
 
 function show() {
@@ -57,7 +56,8 @@ function askForKey(reason) {
       dialog.removeEventListener('cancel', cancel);
       document.getElementById('key-cancel').removeEventListener('click', cancel);
       dialog.close();
-      forget.hidden = !key;
+      // A cancelled question leaves the key that was refused in place.
+      forget.hidden = !key && !hasKey();
       resolve(key);
     };
     const submit = (event) => {

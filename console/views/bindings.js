@@ -9,27 +9,21 @@ import { genderName, genderOptions, languageName, languageOptions, voiceLabel } 
 export const id = 'bindings';
 
 export function render(root) {
-  const airlineBox = h('div');
-  const defaultBox = h('div');
+  const boxes = { airlines: h('div'), defaults: h('div') };
   const loadError = errorLine();
-  root.append(loadError, airlineBox, defaultBox);
+  root.append(loadError, boxes.airlines, boxes.defaults);
+  let voiceOptions = [];
 
-  async function load() {
-    let voices;
-    let airlines;
-    let defaults;
-    try {
-      [{ voices }, { airlines }, { defaults }] = await Promise.all(
-        [getJson('/v1/voices'), getJson('/v1/airlines'), getJson('/v1/defaults')]);
-    } catch (error) {
-      showError(loadError, error);
-      return;
-    }
-    const voiceOptions = [['', t('bind.noVoice')], ...voices.map((v) => [v.id, voiceLabel(v)])];
-    airlineBox.replaceChildren(table('airlines', airlines, voiceOptions, load));
-    defaultBox.replaceChildren(table('defaults', defaults, voiceOptions, load));
+  // One table anew after a save in it: the other keeps whatever is being typed there.
+  async function load(kind) {
+    const answer = await getJson(`/v1/${kind}`);
+    boxes[kind].replaceChildren(table(kind, answer[kind], voiceOptions, () => load(kind)));
   }
-  load();
+
+  getJson('/v1/voices').then(({ voices }) => {
+    voiceOptions = [['', t('bind.noVoice')], ...voices.map((v) => [v.id, voiceLabel(v)])];
+    return Promise.all([load('airlines'), load('defaults')]);
+  }).catch((error) => showError(loadError, error));
 }
 
 function table(kind, bindings, voiceOptions, reload) {
