@@ -1,7 +1,7 @@
 // Packs: chosen voices and airlines exported as a .cln download, and an
 // uploaded pack imported with the summary the service gives.
 import { call, getJson } from '../api.js';
-import { busy, errorLine, field, fileName, h, replaceUrl, showError } from '../dom.js';
+import { busy, errorLine, field, fileName, h, humanBytes, replaceUrl, showError } from '../dom.js';
 import { t } from '../i18n.js';
 import { voiceLabel } from './choices.js';
 
@@ -40,7 +40,7 @@ export function render(root) {
       packUrl = replaceUrl(packUrl, blob);
       link.href = packUrl;
       link.download = fileName(response, 'kelvo.cln');
-      link.textContent = t('packs.save', { name: link.download, size: Math.ceil(blob.size / 1024) });
+      link.textContent = t('packs.save', { name: link.download, size: humanBytes(blob.size) });
       link.hidden = false;
       link.click();
     });
