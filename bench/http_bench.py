@@ -4,7 +4,8 @@
 Starts both on loopback ports, serves the same 5 s WAV line (kelvo from its
 cache through POST /v1/tts, nginx as a static file with sendfile), and runs wrk
 with 2 threads and 64 keep-alive connections for 10 s, alternating kelvo and
-nginx 5 times per case (BENCH_ROUNDS). Prints the median requests/s, p99
+nginx 5 times per case (BENCH_ROUNDS), the side that goes first flipping each
+round. Prints the median requests/s, p99
 latency and ratio with the range of the ratios, kelvo's resident memory idle and after
 the cached-line run, and the time from `kelvo serve` to the first 200 from
 /v1/health with 10,000 cached lines.
@@ -215,8 +216,14 @@ def main():
               f"{'kelvo p99':>10} {'nginx p99':>10}  (medians of {ROUNDS} alternating runs of {DURATION} s)")
         for name, ours, theirs in plans:
             runs = []
-            for _ in range(ROUNDS):
-                runs.append((ours(), theirs()))
+            for n in range(ROUNDS):
+                # Who goes first flips every round, so a drift in the machine's
+                # speed over the case favours neither side.
+                if n % 2:
+                    theirs_first = theirs()
+                    runs.append((ours(), theirs_first))
+                else:
+                    runs.append((ours(), theirs()))
                 loads.append(os.getloadavg()[0])
             median = lambda values: sorted(values)[len(values) // 2]
             k_rps, k_p99 = median([k[0] for k, _ in runs]), median([k[1] for k, _ in runs])
