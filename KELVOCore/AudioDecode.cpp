@@ -11,7 +11,7 @@ namespace kelvo {
 
 namespace {
 
-constexpr std::size_t kSyncScanBytes = 8192;
+constexpr std::size_t kSyncScanBytes = kSniffBytes;
 
 bool startsWith(std::span<const std::uint8_t> bytes, std::string_view tag) {
   return bytes.size() >= tag.size() && std::memcmp(bytes.data(), tag.data(), tag.size()) == 0;

@@ -34,7 +34,9 @@ bool looksLikeMp3(std::span<const std::uint8_t> bytes);
 bool engineReadsFormat(std::span<const std::uint8_t> bytes);
 // Always true: both decoders are linked in.
 bool audioDecoderAvailable();
-// ".wav", ".ogg" or ".mp3" by the tests above in that order, else "".
+// ".wav", ".ogg" or ".mp3" by the tests above in that order, else "". Looks
+// at no more than the first kSniffBytes, so a file need not be read whole.
+inline constexpr std::size_t kSniffBytes = 8192;
 std::string sniffExtension(std::span<const std::uint8_t> bytes);
 
 // WAV when it parses, else Ogg when it looks like Ogg, else MP3 when it looks

@@ -1,6 +1,7 @@
 // The routes that change what the service speaks with: the voice library
 // (list, clone, remove) and the airline and default-voice bindings.
 #include <algorithm>
+#include <memory>
 
 #include "KELVOCore/AudioDecode.h"
 #include "KELVOCore/Base64.h"
@@ -116,15 +117,19 @@ HttpResponse TtsHttpService::voiceClip(const std::string& id, const std::string&
                       std::all_of(index.begin(), index.end(), [](char c) { return c >= '0' && c <= '9'; });
   const std::size_t n = digits ? std::stoul(index) : voice->clips.size();
   const std::string path = n < voice->clips.size() ? service_->voices().clipPath(voice->clips[n]) : "";
-  std::optional<Bytes> audio = path.empty() ? std::nullopt : readFile(path);
-  if (!audio) return HttpResponse::error(404, "not_found", T("这个音色没有这段参考音频:") + index);
-  const std::string extension = sniffExtension(*audio);
+  std::optional<OpenFile> file = path.empty() ? std::nullopt : OpenFile::open(path);
+  // Only the start is read to name the type; the server sends the rest from the file.
+  Bytes start(file ? std::min<std::uint64_t>(file->size(), kSniffBytes) : 0);
+  if (!file || !file->readAt(0, start)) {
+    return HttpResponse::error(404, "not_found", T("这个音色没有这段参考音频:") + index);
+  }
+  const std::string extension = sniffExtension(start);
   HttpResponse r;
   r.headers["Content-Type"] = extension == ".mp3"   ? "audio/mpeg"
                               : extension == ".ogg" ? "audio/ogg"
                               : extension == ".wav" ? "audio/wav"
                                                     : "application/octet-stream";
-  r.body = std::move(*audio);
+  r.bodyFile = std::make_shared<const OpenFile>(std::move(*file));
   return r;
 }
 
