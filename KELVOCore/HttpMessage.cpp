@@ -174,13 +174,4 @@ std::string serializeResponseHead(const HttpResponse& response, std::uint64_t co
   return out;
 }
 
-Bytes serializeResponse(const HttpResponse& response, bool close) {
-  const std::string head = serializeResponseHead(response, response.body.size(), close);
-  Bytes out;
-  out.reserve(head.size() + response.body.size());
-  out.insert(out.end(), head.begin(), head.end());
-  out.insert(out.end(), response.body.begin(), response.body.end());
-  return out;
-}
-
 }  // namespace kelvo

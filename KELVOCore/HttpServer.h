@@ -97,13 +97,11 @@ std::string_view bareTag(std::string_view tag);
 // holds `tag`; tags are compared bare.
 bool ifNoneMatchHolds(std::string_view header, std::string_view tag);
 
-// The bytes sent for an in-memory `response` (`bodyFile` is not looked at):
-// status line, headers in ascending name order, then "Content-Length" and
-// "Connection" ("close" or "keep-alive"), blank line, body. Handler headers
-// named Content-Length or Connection (any case) are left out; CR and LF
-// inside names and values become spaces.
-Bytes serializeResponse(const HttpResponse& response, bool close);
-// The same up to and including the blank line, for a body of `contentLength` bytes.
+// What goes before a body of `contentLength` bytes: status line, headers in
+// ascending name order, then "Content-Length" and "Connection" ("close" or
+// "keep-alive"), and the blank line. Handler headers named Content-Length or
+// Connection (any case) are left out; CR and LF inside names and values become
+// spaces.
 std::string serializeResponseHead(const HttpResponse& response, std::uint64_t contentLength, bool close);
 
 class HttpServer {

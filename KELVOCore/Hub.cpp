@@ -214,8 +214,4 @@ Bytes downloadShare(const HubClient& hub, std::string_view id) {
   throw TtsError(TtsErrorCode::notFound, T("共享中心里没有这个共享(可能已经被删除)"));
 }
 
-PackSummary fetchFromHub(const HubClient& hub, std::string_view id, VoiceLibrary& voices, AppConfig& config) {
-  return importPack(downloadShare(hub, id), voices, config);
-}
-
 }  // namespace kelvo

@@ -106,7 +106,5 @@ void unshareFromHub(const HubClient& hub, std::string_view id, AppConfig& config
 // The pack of the listed share `id` (ignoring case). Throws TtsError notFound
 // when the hub does not list it.
 Bytes downloadShare(const HubClient& hub, std::string_view id);
-// downloadShare() imported into `voices` and `config`.
-PackSummary fetchFromHub(const HubClient& hub, std::string_view id, VoiceLibrary& voices, AppConfig& config);
 
 }  // namespace kelvo

@@ -18,11 +18,6 @@ namespace kelvo {
 
 // ---- Enumerations -----------------------------------------------------------
 
-std::optional<TtsGender> genderFromRaw(std::int64_t raw) {
-  if (raw < 0 || raw > 2) return std::nullopt;
-  return static_cast<TtsGender>(raw);
-}
-
 TtsGender parseGender(std::string_view codeText) {
   const std::string c = toLower(trimmed(codeText));
   if (c == "female" || c == "f" || c == "女") return TtsGender::female;
@@ -49,12 +44,6 @@ std::string_view zhName(TtsGender g) {
 }
 
 std::string display(TtsGender g) { return T(zhName(g)); }
-
-std::optional<TtsPriority> priorityFromRaw(std::int64_t raw) {
-  if (raw == 0) return TtsPriority::normal;
-  if (raw == 1) return TtsPriority::high;
-  return std::nullopt;
-}
 
 TtsSpeedMode parseSpeedMode(std::string_view codeText) {
   const std::string c = toLower(trimmed(codeText));

@@ -40,14 +40,12 @@ inline constexpr float s2DefRepPenalty = 1.1f;
 // "default" for "no preference".
 enum class TtsGender : int { automatic = 0, female = 1, male = 2 };
 inline constexpr TtsGender allGenders[] = {TtsGender::automatic, TtsGender::female, TtsGender::male};
-std::optional<TtsGender> genderFromRaw(std::int64_t raw);  // absent for anything but 0..2
 TtsGender parseGender(std::string_view code);  // lenient: f/female/女, m/male/男, else automatic
 std::string_view code(TtsGender g);            // "default", "female", "male"
 std::string_view zhName(TtsGender g);          // the localisation key of `display`
 std::string display(TtsGender g);              // localised for the current UI language
 
 enum class TtsPriority : int { normal = 0, high = 1 };
-std::optional<TtsPriority> priorityFromRaw(std::int64_t raw);
 
 enum class TtsSpeedMode : int { engine = 0, localStretch = 1, localResample = 2 };
 TtsSpeedMode parseSpeedMode(std::string_view code);  // "stretch", "resample", else engine

@@ -171,7 +171,7 @@ TEST_F(HubClientTest, GetShareAndUnshareAgainstTheDouble) {
   EXPECT_EQ(listed[0].title, "Hub demo");
   EXPECT_EQ(listed[0].url, "/files/demo01.cln");
 
-  const PackSummary got = fetchFromHub(hub, " DEMO01 ", library, config);
+  const PackSummary got = importPack(downloadShare(hub, " DEMO01 "), library, config);
   EXPECT_EQ(got.voicesAdded, 1);
   EXPECT_EQ(got.bindings, 1);
   EXPECT_FALSE(config.airlineVoice("DEMO", "en", TtsGender::female).empty());
@@ -224,7 +224,7 @@ TEST_F(HubClientTest, EveryRefusalReadsAsASentence) {
   EXPECT_EQ(message([&] { hub.remove("demo01", "wrong"); }),
             "the delete key does not match: this share was not made from here");
   EXPECT_EQ(message([&] { hub.remove("nope", "k"); }), "the hub has no such share (it may have been taken down)");
-  EXPECT_EQ(message([&] { fetchFromHub(hub, "nope", library, config); }),
+  EXPECT_EQ(message([&] { downloadShare(hub, "nope"); }),
             "the hub has no such share (it may have been taken down)");
   EXPECT_TRUE(message([&] { HubClient("http://127.0.0.1:1").list(); }).starts_with("cannot reach the sharing hub ("));
   // One attempt from this address so far; four more are taken, the sixth is refused.
