@@ -59,6 +59,13 @@ function describe(error) {
   return (error && error.message) || String(error);
 }
 
+// A table of `rows` under one header row of column names; on a narrow screen
+// each row stacks into a card whose cells show their data-label.
+export function stackTable(heads, rows, caption) {
+  return h('table', { class: 'stack' }, caption ? h('caption', {}, caption) : null,
+    h('thead', {}, h('tr', {}, heads.map((name) => h('th', { scope: 'col' }, name)))), h('tbody', {}, rows));
+}
+
 export function statusLine() {
   return h('p', { class: 'status', role: 'status' });
 }

@@ -2,7 +2,7 @@
 // the default voice of each language and gender, as editable tables. Every
 // save is one PUT; choosing no voice removes the binding.
 import { getJson, sendJson } from '../api.js';
-import { busy, errorLine, field, h, select, showError } from '../dom.js';
+import { busy, errorLine, field, h, select, showError, stackTable } from '../dom.js';
 import { t } from '../i18n.js';
 import { genderName, genderOptions, languageName, languageOptions, voiceLabel } from './choices.js';
 
@@ -71,8 +71,6 @@ function table(kind, bindings, voiceOptions, reload) {
   return h('section', { class: 'card', 'aria-labelledby': titleId },
     h('h3', { id: titleId }, title),
     h('p', { class: 'hint' }, airline ? t('bind.airlinesHint') : t('bind.defaultsHint')),
-    rows.length ? h('div', { class: 'table-wrap' }, h('table', { class: 'stack' },
-      h('thead', {}, h('tr', {}, heads.map((x) => h('th', { scope: 'col' }, x)))), h('tbody', {}, rows)))
-      : h('p', {}, t('bind.none')),
+    rows.length ? h('div', { class: 'table-wrap' }, stackTable(heads, rows)) : h('p', {}, t('bind.none')),
     h('h4', {}, airline ? t('bind.addAirline') : t('bind.addDefault')), form);
 }

@@ -1,7 +1,7 @@
 // Voices: the library with each voice's reference clips (playable), removal
 // after a confirmation, and cloning from uploaded files or the microphone.
 import { call, getJson, sendJson, voicePath } from '../api.js';
-import { base64Of, busy, errorLine, field, h, replaceUrl, select, showError, statusLine } from '../dom.js';
+import { base64Of, busy, errorLine, field, h, replaceUrl, select, showError, stackTable, statusLine } from '../dom.js';
 import { t } from '../i18n.js';
 import { WavRecorder } from '../recorder.js';
 import { genderName, genderOptions, languageName, languageOptions } from './choices.js';
@@ -60,11 +60,10 @@ export function render(root) {
         h('td', { class: 'clips', 'data-label': t('voices.clips') }, clips.length ? clips : '—'),
         h('td', {}, remove, line));
     });
-    list.replaceChildren(voices.length === 0 ? h('p', {}, t('voices.none')) : h('table', { class: 'stack' },
-      h('caption', {}, t('voices.library', { n: voices.length })),
-      h('thead', {}, h('tr', {}, [t('voices.name'), t('voices.kind'), t('common.language'), t('common.gender'),
-        t('voices.clips'), t('voices.actions')].map((name) => h('th', { scope: 'col' }, name)))),
-      h('tbody', {}, rows)));
+    const heads = [t('voices.name'), t('voices.kind'), t('common.language'), t('common.gender'), t('voices.clips'),
+      t('voices.actions')];
+    list.replaceChildren(voices.length === 0 ? h('p', {}, t('voices.none'))
+      : stackTable(heads, rows, t('voices.library', { n: voices.length })));
   }
 
   const clone = cloneForm(load);
