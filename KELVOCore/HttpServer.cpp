@@ -490,13 +490,15 @@ class HttpServer::Impl::Session : public std::enable_shared_from_this<Session> {
 
   // Non-blocking send() and sendfile() until done or the socket is full, then
   // again once it can take more. The head goes with MSG_MORE so that it shares
-  // a segment with the start of the file.
+  // a segment with the start of the file; not before an empty file, as nothing
+  // would follow to push it out and the kernel would hold it for 200 ms.
   void sendHeadAndFile() {
     const int socket = socket_.native_handle();
+    const int more = file_->size() > 0 ? MSG_MORE : 0;
     while (headSent_ < head_.size() || fileSent_ < file_->size()) {
       ssize_t n = 0;
       if (headSent_ < head_.size()) {
-        n = ::send(socket, head_.data() + headSent_, head_.size() - headSent_, MSG_MORE | MSG_NOSIGNAL);
+        n = ::send(socket, head_.data() + headSent_, head_.size() - headSent_, more | MSG_NOSIGNAL);
         if (n > 0) headSent_ += static_cast<std::size_t>(n);
       } else {
         auto offset = static_cast<off_t>(fileSent_);

@@ -215,6 +215,14 @@ TEST(HttpServerTest, FileBodiesGoOutWhole) {
   EXPECT_TRUE(body(file) == content);
   EXPECT_EQ(body(c.response()), "a newer line");  // the file that took the name
   EXPECT_EQ(body(c.response()), "GET /after ");
+
+  // Nothing follows the head of an empty file, so it must not wait for more:
+  // held back, it would go out only when the kernel gives up, 200 ms later.
+  test::writeTextFile(dir.path() + "empty.wav", "");
+  const auto asked = Clock::now();
+  c.send(request("/f?file=" + dir.path() + "empty.wav"));
+  EXPECT_NE(c.response().find("\r\nContent-Length: 0\r\nConnection: keep-alive\r\n\r\n"), std::string::npos);
+  EXPECT_LT(Clock::now() - asked, 150ms);
 }
 
 TEST(HttpServerTest, RefusalsAnswerThenClose) {
