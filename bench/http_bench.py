@@ -5,10 +5,10 @@ Starts both on loopback ports, serves the same 5 s WAV line (kelvo from its
 cache through POST /v1/tts, nginx as a static file with sendfile), and runs wrk
 with 2 threads and 64 keep-alive connections for 10 s, alternating kelvo and
 nginx 5 times per case (BENCH_ROUNDS), the side that goes first flipping each
-round. Prints the median requests/s, p99
-latency and ratio with the range of the ratios, kelvo's resident memory idle and after
-the cached-line run, and the time from `kelvo serve` to the first 200 from
-/v1/health with 10,000 cached lines.
+round. Prints the median requests/s, p99 latency and ratio with the range of
+the ratios, kelvo's resident memory idle and after the cached-line run, and the
+time from `kelvo serve` to the first 200 from /v1/health with 10,000 cached
+lines.
 
 With --soak, instead: 20 cached lines asked for by wrk with 256 connections
 for 10 minutes (SOAK_SECONDS), kelvo's resident memory sampled every 10 s;
