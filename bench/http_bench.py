@@ -6,9 +6,11 @@ cache through POST /v1/tts, nginx as a static file with sendfile), and runs wrk
 with 2 threads and 64 keep-alive connections for 10 s, alternating kelvo and
 nginx 5 times per case (BENCH_ROUNDS), the side that goes first flipping each
 round. Prints the median requests/s, p99 latency and ratio with the range of
-the ratios, kelvo's resident memory idle and after the cached-line run, and the
-time from `kelvo serve` to the first 200 from /v1/health with 10,000 cached
-lines.
+the ratios, each server's CPU time per request (user plus system, all of its
+processes: on 2 cores shared with wrk, the one figure that does not depend on
+how the machine divides its time), kelvo's resident memory idle and after the
+cached-line run, and the time from `kelvo serve` to the first 200 from
+/v1/health with 10,000 cached lines.
 
 With --soak, instead: 20 cached lines asked for by wrk with 256 connections
 for 10 minutes (SOAK_SECONDS), kelvo's resident memory sampled every 10 s;
@@ -74,6 +76,23 @@ def rss_mb(pid):
     return kb / 1024
 
 
+def cpu_seconds(pids):
+    """User plus system CPU time the processes have used so far."""
+    ticks = 0
+    for pid in pids:
+        with open(f"/proc/{pid}/stat") as f:
+            fields = f.read().rsplit(")", 1)[1].split()  # from the third field, "state", on
+        ticks += int(fields[11]) + int(fields[12])  # utime and stime
+    return ticks / os.sysconf("SC_CLK_TCK")
+
+
+def nginx_workers(master_pid_file):
+    with open(master_pid_file) as f:
+        master = f.read().strip()
+    with open(f"/proc/{master}/task/{master}/children") as f:
+        return [int(pid) for pid in f.read().split()]
+
+
 def run_wrk(url, script, connections=64, seconds=DURATION, timeout="2s"):
     out = subprocess.run(["wrk", "-t2", f"-c{connections}", f"-d{seconds}s", f"--timeout={timeout}", "--latency",
                           "-s", script, url], capture_output=True, text=True, check=True).stdout
@@ -88,7 +107,8 @@ def run_wrk(url, script, connections=64, seconds=DURATION, timeout="2s"):
     return rps, float(p99.group(1)) * scale, errors, total, out
 
 
-def wrk(url, workdir, method="GET", body=None, headers=None):
+def wrk(url, workdir, pids, method="GET", body=None, headers=None):
+    """Requests/s, p99 in ms and the server's CPU µs per request of one wrk run."""
     script = os.path.join(workdir, "req.lua")
     with open(script, "w") as f:
         f.write(f'wrk.method = "{method}"\n')
@@ -96,10 +116,12 @@ def wrk(url, workdir, method="GET", body=None, headers=None):
             f.write(f"wrk.body = {json.dumps(body)}\n")
         for k, v in (headers or {}).items():
             f.write(f'wrk.headers["{k}"] = "{v}"\n')
-    rps, p99, errors, _, out = run_wrk(url, script)
+    before = cpu_seconds(pids)
+    rps, p99, errors, total, out = run_wrk(url, script)
+    cpu = cpu_seconds(pids) - before
     if errors:
         raise SystemExit(f"{url}: {errors} failed responses\n{out}")
-    return rps, p99
+    return rps, p99, cpu * 1e6 / total
 
 
 def start_nginx(root, port, workdir):
@@ -197,6 +219,7 @@ def main():
         nginx_pid = start_nginx(www, nginx_port, work)
         nginx = f"http://127.0.0.1:{nginx_port}"
         wait_for(nginx + "/tiny.json")
+        ours_pids, theirs_pids = [kelvo.pid], nginx_workers(nginx_pid)
 
         body = json.dumps(LINE)
         json_header = {"Content-Type": "application/json"}
@@ -205,15 +228,18 @@ def main():
         # cannot land on one side only.
         plans = [
             ("cached POST /v1/tts (%d KB)" % (len(wav) // 1024),
-             lambda: wrk(base + "/v1/tts", work, "POST", body, json_header), lambda: wrk(nginx + "/line.wav", work)),
+             lambda: wrk(base + "/v1/tts", work, ours_pids, "POST", body, json_header),
+             lambda: wrk(nginx + "/line.wav", work, theirs_pids)),
             ("304 with If-None-Match",
-             lambda: wrk(base + "/v1/tts", work, "POST", body, dict(json_header, **{"If-None-Match": etag})),
-             lambda: wrk(nginx + "/tiny.json", work)),
-            ("GET /v1/health", lambda: wrk(base + "/v1/health", work), lambda: wrk(nginx + "/tiny.json", work)),
+             lambda: wrk(base + "/v1/tts", work, ours_pids, "POST", body, dict(json_header, **{"If-None-Match": etag})),
+             lambda: wrk(nginx + "/tiny.json", work, theirs_pids)),
+            ("GET /v1/health", lambda: wrk(base + "/v1/health", work, ours_pids),
+             lambda: wrk(nginx + "/tiny.json", work, theirs_pids)),
         ]
         loads = []
         print(f"{'case':34} {'kelvo req/s':>12} {'nginx req/s':>12} {'ratio':>6} {'range':>11} {'goal':>5} "
-              f"{'kelvo p99':>10} {'nginx p99':>10}  (medians of {ROUNDS} alternating runs of {DURATION} s)")
+              f"{'kelvo p99':>10} {'nginx p99':>10} {'CPU/request kelvo':>18} {'nginx':>7}  "
+              f"(medians of {ROUNDS} alternating runs of {DURATION} s)")
         for name, ours, theirs in plans:
             runs = []
             for n in range(ROUNDS):
@@ -228,13 +254,14 @@ def main():
             median = lambda values: sorted(values)[len(values) // 2]
             k_rps, k_p99 = median([k[0] for k, _ in runs]), median([k[1] for k, _ in runs])
             n_rps, n_p99 = median([n[0] for _, n in runs]), median([n[1] for _, n in runs])
+            k_cpu, n_cpu = median([k[2] for k, _ in runs]), median([n[2] for _, n in runs])
             ratios = sorted(k[0] / n[0] for k, n in runs)
             ratio = median(ratios)
             verdict = "" if ratio >= 1.0 else "  (below goal)"
             if name.startswith("cached") and k_p99 > n_p99:
                 verdict += "  (p99 above nginx's)"
             print(f"{name:34} {k_rps:12.0f} {n_rps:12.0f} {ratio:6.2f} {ratios[0]:5.2f}-{ratios[-1]:<5.2f} {1.0:5.1f} "
-                  f"{k_p99:8.2f}ms {n_p99:8.2f}ms{verdict}", flush=True)
+                  f"{k_p99:8.2f}ms {n_p99:8.2f}ms {k_cpu:16.1f}us {n_cpu:5.1f}us{verdict}", flush=True)
         after = rss_mb(kelvo.pid)
         print(f"load average during the runs: mean {sum(loads) / len(loads):.2f}, highest {max(loads):.2f} "
               f"(2 cores, shared with wrk and any neighbours)")
