@@ -69,6 +69,12 @@ class Page:
     def find(self, css):
         return self.driver.find_element(By.CSS_SELECTOR, css)
 
+    def appears(self, css, what):
+        self.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, css), what)
+
+    def disappears(self, css, what):
+        self.wait(lambda: not self.driver.find_elements(By.CSS_SELECTOR, css), what)
+
     def field(self, label):
         """The control whose <label> reads `label` in the current view."""
         for element in self.driver.find_elements(By.XPATH, f"//main//label[normalize-space()='{label}']"):
@@ -204,7 +210,7 @@ class ConsoleTest(unittest.TestCase):
         page.choose("Language", "en")
         page.choose("Gender", "female")
         page.field("Audio files").send_keys(self.clip_file(3))
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, ".clip-list input"), "the chosen file")
+        page.appears(".clip-list input", "the chosen file")
         self.driver.find_element(By.CSS_SELECTOR, ".clip-list input").send_keys("Welcome aboard")
         # A second clip from the (fake) microphone, recorded in the page as WAV.
         page.button("● Record").click()
@@ -215,7 +221,7 @@ class ConsoleTest(unittest.TestCase):
         self.assertEqual(page.find(".clip-list li:nth-child(2) .clip-name").text, "Recording 2.wav")
         self.driver.find_elements(By.CSS_SELECTOR, ".clip-list input")[1].send_keys("Gate closing")
         page.button("Clone voice").click()
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, ".warnings li"), "the clone warnings")
+        page.appears(".warnings li", "the clone warnings")
         self.assertIn("3.0 s", page.text(".warnings li"))  # a short clip is accepted with a warning
         voice = [v for v in self.srv.json("GET", "/v1/voices")[1]["voices"] if v["display"] == "Gate voice"][0]
         self.assertIn(voice["id"], page.text("p.ok"))
@@ -225,7 +231,7 @@ class ConsoleTest(unittest.TestCase):
                          (200, "audio/wav", b"RIFF", b"WAVEfmt "))
         self.assertGreater(voice["clips"][1]["duration_ms"], 1000)
         row = f"tr[data-voice='{voice['id']}']"
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, row), "the new voice in the list")
+        page.appears(row, "the new voice in the list")
         page.find(row + " td.clips button").click()
         self.assertAlmostEqual(page.audio_seconds(".clip-player"), 3.0, delta=0.1)
         page.shot("voices-en")
@@ -237,7 +243,7 @@ class ConsoleTest(unittest.TestCase):
         page.choose("Gender", "female")
         page.choose("Voice", voice["id"])
         page.button("Bind").click()
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, "tr[data-key='KVO:en:female']"), "the binding")
+        page.appears("tr[data-key='KVO:en:female']", "the binding")
         self.assertEqual(self.srv.json("GET", "/v1/airlines")[1]["airlines"][0]["voice"], voice["id"])
         page.shot("bindings-en")
 
@@ -247,10 +253,10 @@ class ConsoleTest(unittest.TestCase):
         # Choosing no voice and saving removes the binding.
         page.open("bindings")
         binding = "tr[data-key='KVO:en:female']"
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, binding), "the binding row")
+        page.appears(binding, "the binding row")
         Select(page.find(binding + " select")).select_by_value("")
         page.find(binding + " button").click()
-        page.wait(lambda: not self.driver.find_elements(By.CSS_SELECTOR, binding), "the binding to go")
+        page.disappears(binding, "the binding to go")
         self.assertEqual(self.srv.json("GET", "/v1/airlines")[1]["airlines"], [])
 
     def test_prebake_to_the_end_and_cancel_a_longer_run(self):
@@ -263,7 +269,7 @@ class ConsoleTest(unittest.TestCase):
         page.button("Start pre-bake").click()
         page.wait(lambda: page.text(".percent") == "100 %", "the pre-bake to finish")
         self.assertRegex(page.text("#view .status"), r"^6 of 6 lines · \d+ lines per minute · finished$")
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, ".warnings li"), "the failed line")
+        page.appears(".warnings li", "the failed line")
         self.assertEqual(page.text(".warnings strong"), "Lines that failed: 1")
         self.assertRegex(page.text(".warnings li"), r"^“?(Gate )+.*— text is 5004 characters, over the 5000 limit$")
         page.shot("prebake-en")
@@ -318,7 +324,7 @@ class ConsoleTest(unittest.TestCase):
         self.assertEqual(status, 200, voice)
         page.open("packs")
         box = f"input[name=voice][value='{voice['id']}']"
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, box), "the voice to export")
+        page.appears(box, "the voice to export")
         page.find(box).click()
         page.button("Export").click()
         page.wait(lambda: [f for f in os.listdir(self.downloads) if f.endswith(".cln")]
@@ -331,14 +337,14 @@ class ConsoleTest(unittest.TestCase):
         # Gone from the library, then back from the pack.
         page.open("voices")
         remove = f"tr[data-voice='{voice['id']}'] button.danger"
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, remove), "the voice row")
+        page.appears(remove, "the voice row")
         page.find(remove).click()
         self.driver.switch_to.alert.accept()
-        page.wait(lambda: not self.driver.find_elements(By.CSS_SELECTOR, remove), "the voice to go")
+        page.disappears(remove, "the voice to go")
         page.open("packs")
         page.field("Pack file (.cln)").send_keys(pack)
         page.button("Import").click()
-        page.wait(lambda: self.driver.find_elements(By.CSS_SELECTOR, "#view p.ok"), "the import summary")
+        page.appears("#view p.ok", "the import summary")
         self.assertIn("1 voices (1 new, 0 already here)", page.text("#view .ok + p"))
         self.assertIn(voice["id"], [v["id"] for v in self.srv.json("GET", "/v1/voices")[1]["voices"]])
 
