@@ -247,12 +247,7 @@ std::string makeCacheKey(const TtsRequest& request, const VoiceInfo& voice, std:
   putInt(sampleRate);
   putInt(request.seed);
   put(request.style);
-  if (!request.style.empty()) {  // the text as effectiveText() gives it, without its temporary
-    joined += '[';
-    joined += request.style;
-    joined += "] ";
-  }
-  joined += request.text;
+  request.appendEffectiveText(joined);
   return sha256Utf8(joined);
 }
 

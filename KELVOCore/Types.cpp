@@ -149,8 +149,18 @@ void TtsRequest::normalize() {
 }
 
 std::string TtsRequest::effectiveText() const {
-  if (style.empty()) return text;
-  return "[" + style + "] " + text;
+  std::string out;
+  appendEffectiveText(out);
+  return out;
+}
+
+void TtsRequest::appendEffectiveText(std::string& out) const {
+  if (!style.empty()) {
+    out += '[';
+    out += style;
+    out += "] ";
+  }
+  out += text;
 }
 
 std::string TtsRequest::describe() const {

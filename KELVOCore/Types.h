@@ -115,6 +115,8 @@ struct TtsRequest {
   void normalize();
   // The text handed to the engine: "[style] text" when a style is set.
   std::string effectiveText() const;
+  // The same, appended to `out` without a string of its own.
+  void appendEffectiveText(std::string& out) const;
   // One log line: "[lang/gender/voice xSPEED style] text".
   std::string describe() const;
   static TtsRequest make(std::string text, std::string language, TtsGender gender, float speed);

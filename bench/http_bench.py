@@ -246,10 +246,12 @@ def main():
                 # Who goes first flips every round, so a drift in the machine's
                 # speed over the case favours neither side.
                 if n % 2:
-                    theirs_first = theirs()
-                    runs.append((ours(), theirs_first))
+                    their_run = theirs()
+                    our_run = ours()
                 else:
-                    runs.append((ours(), theirs()))
+                    our_run = ours()
+                    their_run = theirs()
+                runs.append((our_run, their_run))
                 loads.append(os.getloadavg()[0])
             median = lambda values: sorted(values)[len(values) // 2]
             k_rps, k_p99 = median([k[0] for k, _ in runs]), median([k[1] for k, _ in runs])
