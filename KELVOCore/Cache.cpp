@@ -18,6 +18,7 @@
 #include "KELVOCore/Files.h"
 #include "KELVOCore/Json.h"
 #include "KELVOCore/Log.h"
+#include "KELVOCore/StringMemo.h"
 #include "KELVOCore/Wav.h"
 
 namespace kelvo {
@@ -37,6 +38,9 @@ constexpr std::int64_t kMaxWavBytes = (std::int64_t{1} << 32) + 8;
 // Far above any real index (100,000 lines take about 30 MB); a bigger file is
 // damage, and reading it whole would only cost memory.
 constexpr std::uintmax_t kMaxIndexBytes = std::uintmax_t{512} << 20;
+// Digests remembered per thread: a day's announcement set, lines of up to 2 KB.
+constexpr std::size_t kKeyMemoEntries = 256;
+constexpr std::size_t kKeyMemoTextBytes = 2048;
 
 // A name that stays inside the cache directory and belongs to the cache: no
 // separator, no NUL, ends in ".wav" (so never "..", nor one of the index files).
@@ -248,7 +252,10 @@ std::string makeCacheKey(const TtsRequest& request, const VoiceInfo& voice, std:
   putInt(request.seed);
   put(request.style);
   request.appendEffectiveText(joined);
-  return sha256Utf8(joined);
+  // The same line asked for again hashes the same text: remember the digest
+  // (about half of this function's time on a cache hit).
+  thread_local StringMemo<std::string> digests(kKeyMemoEntries, kKeyMemoTextBytes);
+  return digests.get(joined, [] { return sha256Utf8(joined); });
 }
 
 std::optional<std::vector<std::pair<std::string, CacheEntry>>> parseCacheIndex(std::span<const std::uint8_t> bytes) {

@@ -10,6 +10,7 @@
 #include "KELVOCore/I18n.h"
 #include "KELVOCore/Log.h"
 #include "KELVOCore/SelfCheck.h"
+#include "KELVOCore/StringMemo.h"
 #include "KELVOCore/Version.h"
 
 namespace kelvo {
@@ -17,6 +18,14 @@ namespace kelvo {
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
+
+// What a POST /v1/tts body says, and how many of them each thread remembers.
+struct SpeechBody {
+  TtsRequest tts;
+  std::string format;
+};
+constexpr std::size_t kBodyMemoEntries = 256;
+constexpr std::size_t kBodyMemoBytes = 2048;
 
 TtsPriority priorityFromCode(const std::string& code) {
   return toLower(trimmed(code)) == "high" ? TtsPriority::high : TtsPriority::normal;
@@ -389,10 +398,17 @@ std::optional<HttpResponse> TtsHttpService::synthesis(const HttpRequest& request
   TtsRequest tts;
   std::string formatName;
   if (request.method == "POST") {
-    const std::optional<Json> body = parseJsonObject(request.body);
+    // A PA system sends the same bodies over and over; each is parsed once per thread.
+    thread_local StringMemo<std::optional<SpeechBody>> parsed(kBodyMemoEntries, kBodyMemoBytes);
+    const std::string_view text(reinterpret_cast<const char*>(request.body.data()), request.body.size());
+    std::optional<SpeechBody> body = parsed.get(text, [&]() -> std::optional<SpeechBody> {
+      const std::optional<Json> json = parseJsonObject(request.body);
+      if (!json) return std::nullopt;
+      return SpeechBody{requestFromJson(*json), jStr(*json, "format")};
+    });
     if (!body) return cachedOnly ? std::nullopt : std::optional(refuseSpeech(request, kRoute, badJson()));
-    tts = requestFromJson(*body);
-    formatName = jStr(*body, "format");
+    tts = std::move(body->tts);
+    formatName = std::move(body->format);
   } else {
     tts = requestFromQuery(request);
     formatName = request.queryValue("format");
