@@ -124,6 +124,8 @@ void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional
   // one can fill the disk with uploads that end in a 401.
   HttpServer::Options options;
   options.spoolsBody = [this](std::string_view method, std::string_view path, std::string_view authorization) {
+    // Every request asks, and few rows spool: most paths are settled without a full match.
+    if (!routes_.flaggedPath(std::string(path), &Route::spoolsBody)) return false;
     const RouteMatch match = routes_.match(std::string(method), std::string(path));
     if (match.route == nullptr || !match.route->spoolsBody) return false;
     if (match.route->scope == Scope::open || !keys_->enforced()) return true;
@@ -204,7 +206,7 @@ HttpResponse TtsHttpService::dispatch(const HttpRequest& request) {
 }
 
 HttpResponse TtsHttpService::answer(const HttpRequest& request, const RouteMatch& match) {
-  if (!routes_.unthrottled(request.path)) {
+  if (!routes_.flaggedPath(request.path, &Route::unthrottled)) {
     std::optional<std::string> refusal;
     if (lockedOut(request.peer)) refusal = T("密钥错误的请求太多了,请一分钟后再试");
     else if (rateLimited(request.peer)) {

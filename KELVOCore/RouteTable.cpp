@@ -73,10 +73,10 @@ RouteMatch RouteTable::match(const std::string& method, const std::string& path)
   return result;
 }
 
-bool RouteTable::unthrottled(const std::string& path) const {
+bool RouteTable::flaggedPath(const std::string& path, bool Route::*flag) const {
   const std::string lowered = asciiLower(path);
   return std::any_of(routes_.begin(), routes_.end(),
-                     [&](const Route& r) { return r.unthrottled && matches(r.pattern, lowered, path, nullptr); });
+                     [&](const Route& r) { return r.*flag && matches(r.pattern, lowered, path, nullptr); });
 }
 
 std::vector<std::pair<std::string, std::string>> RouteTable::operations() const {
