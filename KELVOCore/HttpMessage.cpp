@@ -51,7 +51,10 @@ std::string percentDecoded(std::string_view s) {
 
 // A header name or value goes on one line whatever the handler put in it.
 void appendOneLine(std::string& out, std::string_view s) {
-  for (const char c : s) out += (c == '\r' || c == '\n') ? ' ' : c;
+  const std::size_t from = out.size();
+  out += s;
+  std::replace_if(out.begin() + static_cast<std::ptrdiff_t>(from), out.end(), [](char c) { return c == '\r' || c == '\n'; },
+                  ' ');
 }
 
 }  // namespace
@@ -154,8 +157,11 @@ bool ifNoneMatchHolds(std::string_view header, std::string_view tag) {
 }
 
 std::string serializeResponseHead(const HttpResponse& response, std::uint64_t contentLength, bool close) {
+  // Sized once: a cached line's head is some 350 bytes in ten headers.
+  std::size_t size = 96;
+  for (const auto& [name, value] : response.headers) size += name.size() + value.size() + 4;
   std::string out;
-  out.reserve(160);
+  out.reserve(size);
   out += "HTTP/1.1 ";
   out += std::to_string(response.status);
   out += ' ';
