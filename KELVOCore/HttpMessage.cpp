@@ -167,7 +167,7 @@ std::string serializeResponseHead(const HttpResponse& response, std::uint64_t co
   out += ' ';
   out += reasonPhrase(response.status);
   out += "\r\n";
-  for (const auto& [name, value] : response.headers) {  // std::map: ascending by name
+  for (const auto& [name, value] : response.headers) {  // ascending by name
     if (equalsIgnoringCase(name, "Content-Length") || equalsIgnoringCase(name, "Connection")) continue;
     appendOneLine(out, name);
     out += ": ";

@@ -93,7 +93,7 @@ HttpResponse openAiError(HttpResponse native) {
       Json{{"error",
             {{"message", jStr(*body, "message")}, {"type", errorType(native.status)}, {"param", paramFor(code)},
              {"code", code}}}});
-  for (auto& [name, value] : native.headers) shaped.headers.emplace(name, std::move(value));
+  for (auto& [name, value] : native.headers) shaped.headers.try_emplace(name, std::move(value));
   return shaped;
 }
 

@@ -37,7 +37,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,6 +44,7 @@
 #include <vector>
 
 #include "KELVOCore/Files.h"
+#include "KELVOCore/HttpHeaders.h"
 #include "KELVOCore/Json.h"
 #include "KELVOCore/Types.h"
 
@@ -54,7 +54,7 @@ struct HttpRequest {
   std::string method;  // as received
   std::string path;    // the target before "?"
   std::string query;   // after "?", without it
-  std::map<std::string, std::string> headers;  // names as received; a repeated one keeps its last value
+  HttpHeaders headers;  // names as received; a repeated one keeps its last value
   Bytes body;
   std::string peer;  // the client's IP address, without the port
   // When the body went to a temporary file instead (`body` is empty): its
@@ -71,7 +71,7 @@ struct HttpRequest {
 
 struct HttpResponse {
   std::int64_t status = 200;
-  std::map<std::string, std::string> headers;
+  HttpHeaders headers;
   Bytes body;
   // When set, the body is this open file's content (its size when opened)
   // instead of `body`, sent with sendfile() from the page cache, no copy

@@ -73,7 +73,7 @@ class HttpRoutesTest : public ::testing::Test {
   }
 
   HttpResponse call(std::string method, std::string target, std::string body = {},
-                    std::map<std::string, std::string> headers = {}) {
+                    HttpHeaders headers = {}) {
     HttpRequest r;
     r.method = std::move(method);
     const std::size_t q = target.find('?');

@@ -146,6 +146,16 @@ TEST(HttpMessageTest, RequestAccessorsAndResponseBytes) {
       {500, "Internal Server Error"}, {503, "Service Unavailable"}, {504, "Gateway Timeout"}, {418, "OK"}};
   for (const auto& [status, phrase] : phrases) EXPECT_EQ(reasonPhrase(status), phrase) << status;
 
+  // A repeated name keeps the value set last through [], the first through a list or try_emplace.
+  HttpHeaders h{{"b", "1"}, {"a", "2"}, {"b", "3"}};
+  h["b"] = "4";
+  EXPECT_FALSE(h.try_emplace("a", "5").second);
+  EXPECT_TRUE(h.try_emplace("A", "6").second);
+  EXPECT_EQ(std::vector<HttpHeaders::value_type>(h.begin(), h.end()),
+            (std::vector<HttpHeaders::value_type>{{"A", "6"}, {"a", "2"}, {"b", "4"}}));
+  EXPECT_EQ(h.count("c"), 0u);
+  EXPECT_THROW(static_cast<void>(h.at("c")), std::out_of_range);
+
   HttpResponse e = HttpResponse::error(413, "body_too_large", "big");
   e.headers["X-Evil"] = "a\r\nSet-Cookie: b";
   e.headers["content-length"] = "999";
