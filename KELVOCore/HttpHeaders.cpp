@@ -24,6 +24,11 @@ HttpHeaders::HttpHeaders(std::initializer_list<value_type> fields) {
 std::string& HttpHeaders::operator[](std::string_view name) { return try_emplace(name, {}).first->second; }
 
 std::pair<HttpHeaders::iterator, bool> HttpHeaders::try_emplace(std::string_view name, std::string value) {
+  // Fields added in name order, as a response's are, go straight to the end.
+  if (fields_.empty() || fields_.back().first < name) {
+    fields_.emplace_back(std::string(name), std::move(value));
+    return {fields_.end() - 1, true};
+  }
   const iterator at = lowerBound(fields_, name);
   if (at != fields_.end() && at->first == name) return {at, false};
   return {fields_.emplace(at, std::string(name), std::move(value)), true};
