@@ -14,6 +14,13 @@ auto lowerBound(Fields& fields, std::string_view name) {
                           [](const auto& field, std::string_view wanted) { return field.first < wanted; });
 }
 
+// The field named `name`, or fields.end().
+template <typename Fields>
+auto findIn(Fields& fields, std::string_view name) {
+  const auto at = lowerBound(fields, name);
+  return at != fields.end() && at->first == name ? at : fields.end();
+}
+
 }  // namespace
 
 HttpHeaders::HttpHeaders(std::initializer_list<value_type> fields) {
@@ -40,14 +47,8 @@ const std::string& HttpHeaders::at(std::string_view name) const {
   return it->second;
 }
 
-HttpHeaders::iterator HttpHeaders::find(std::string_view name) {
-  const iterator at = lowerBound(fields_, name);
-  return at != fields_.end() && at->first == name ? at : fields_.end();
-}
+HttpHeaders::iterator HttpHeaders::find(std::string_view name) { return findIn(fields_, name); }
 
-HttpHeaders::const_iterator HttpHeaders::find(std::string_view name) const {
-  const const_iterator at = lowerBound(fields_, name);
-  return at != fields_.end() && at->first == name ? at : fields_.end();
-}
+HttpHeaders::const_iterator HttpHeaders::find(std::string_view name) const { return findIn(fields_, name); }
 
 }  // namespace kelvo

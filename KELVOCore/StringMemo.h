@@ -28,13 +28,10 @@ class StringMemo {
   // too long). compute() runs at most once per key until the table starts over.
   template <typename Compute>
   Value get(std::string_view key, Compute&& compute) {
+    if (key.size() > maxKeyBytes_) return std::forward<Compute>(compute)();
     if (const auto it = table_.find(key); it != table_.end()) return it->second;
-    Value value = std::forward<Compute>(compute)();
-    if (key.size() <= maxKeyBytes_) {
-      if (table_.size() >= capacity_) table_.clear();
-      table_.try_emplace(std::string(key), value);
-    }
-    return value;
+    if (table_.size() >= capacity_) table_.clear();
+    return table_.try_emplace(std::string(key), std::forward<Compute>(compute)()).first->second;
   }
 
  private:
