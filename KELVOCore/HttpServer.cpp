@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -151,6 +152,7 @@ HttpRequest toRequest(http::request<SpoolBody>&& message, const std::string& pee
   const std::size_t q = target.find('?');
   r.path = target.substr(0, q);
   if (q != std::string::npos) r.query = target.substr(q + 1);
+  r.headers.reserve(static_cast<std::size_t>(std::distance(message.begin(), message.end())));
   for (const auto& field : message) r.headers[text(field.name_string())] = text(field.value());
   r.body = std::move(message.body().bytes);
   r.peer = peer;
