@@ -40,14 +40,19 @@ ROUNDS = int(os.environ.get("BENCH_ROUNDS", "5"))
 SOAK_SECONDS = int(os.environ.get("SOAK_SECONDS", "600"))
 
 
-def setup():
-    """The load generator and the static server to compare with, from Debian."""
-    missing = [pkg for pkg, tool in (("wrk", "wrk"), ("nginx-light", "nginx")) if not shutil.which(tool)]
+def install_missing(packages):
+    """The Debian packages, named with the program each provides, that are not installed yet."""
+    missing = [pkg for pkg, tool in packages if not shutil.which(tool)]
     if not missing:
         return
     sudo = [] if os.geteuid() == 0 else ["sudo"]
     env = dict(os.environ, DEBIAN_FRONTEND="noninteractive")
     subprocess.run(sudo + ["apt-get", "install", "-y", "-qq", "--no-install-recommends", *missing], env=env, check=True)
+
+
+def setup():
+    """The load generator and the static server to compare with, from Debian."""
+    install_missing((("wrk", "wrk"), ("nginx-light", "nginx")))
 # About five seconds of placeholder speech: 441 KB at 44.1 kHz.
 LINE = {"text": "Flight KV 1234 to Lisbon is now boarding at gate B 12 please", "language": "en"}
 

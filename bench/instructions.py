@@ -16,7 +16,6 @@ Installs the Debian package valgrind first when it is missing.
 import http.client
 import json
 import os
-import shutil
 import subprocess
 import tempfile
 
@@ -24,14 +23,6 @@ import http_bench as hb  # the same line, ports and waiting; it reads the kelvo 
 
 REQUESTS = int(os.environ.get("REQUESTS", "2000"))
 WARM_UP = 200
-
-
-def setup():
-    if shutil.which("callgrind_control"):
-        return
-    sudo = [] if os.geteuid() == 0 else ["sudo"]
-    env = dict(os.environ, DEBIAN_FRONTEND="noninteractive")
-    subprocess.run(sudo + ["apt-get", "install", "-y", "-qq", "--no-install-recommends", "valgrind"], env=env, check=True)
 
 
 def total_instructions(dump):
@@ -43,8 +34,13 @@ def total_instructions(dump):
 
 
 def main():
-    setup()
-    work = tempfile.mkdtemp(prefix="kelvo-instructions-")
+    hb.install_missing((("valgrind", "callgrind_control"),))
+    with tempfile.TemporaryDirectory(prefix="kelvo-instructions-") as work:
+        count(work)
+
+
+def count(work):
+    """Prints each case's instructions per request; kelvo's data root and callgrind's files go in `work`."""
     port = hb.free_port()
     kelvo = subprocess.Popen(["valgrind", "--tool=callgrind", f"--callgrind-out-file={work}/callgrind.out",
                               hb.KELVO, "serve", "--port", str(port), "--bind", "127.0.0.1"],
@@ -80,7 +76,6 @@ def main():
     finally:
         kelvo.terminate()
         kelvo.wait()
-        shutil.rmtree(work, ignore_errors=True)
 
 
 if __name__ == "__main__":
