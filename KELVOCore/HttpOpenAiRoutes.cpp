@@ -116,7 +116,7 @@ std::optional<HttpResponse> TtsHttpService::speech(const HttpRequest& request, b
   if (!body) return refuse(badJson());
   SpeechCall call = speechCallFromJson(*body, service_->voices(), service_->config());
   if (call.refusal) return refuse(std::move(*call.refusal));
-  std::optional<HttpResponse> answer = speak(request, call.tts, call.format, kSpeechRoute, cachedOnly);
+  std::optional<HttpResponse> answer = speak(request, std::move(call.tts), call.format, kSpeechRoute, cachedOnly);
   if (answer) answer = openAiError(std::move(*answer));
   return answer;
 }

@@ -419,7 +419,7 @@ std::optional<HttpResponse> TtsHttpService::synthesis(const HttpRequest& request
   const std::optional<AudioFormat> format =
       trimmed(formatName).empty() ? AudioFormat::wav : parseAudioFormat(formatName);
   if (!format) return cachedOnly ? std::nullopt : std::optional(refuseSpeech(request, kRoute, unknownAudioFormat(formatName)));
-  return speak(request, tts, *format, kRoute, cachedOnly);
+  return speak(request, std::move(tts), *format, kRoute, cachedOnly);
 }
 
 HttpResponse TtsHttpService::refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal) {
@@ -432,7 +432,7 @@ HttpResponse TtsHttpService::refuseSpeech(const HttpRequest& request, std::strin
   return refusal;
 }
 
-std::optional<HttpResponse> TtsHttpService::speak(const HttpRequest& request, const TtsRequest& tts,
+std::optional<HttpResponse> TtsHttpService::speak(const HttpRequest& request, TtsRequest tts,
                                                   AudioFormat format, std::string_view route, bool cachedOnly) {
   const auto started = SteadyClock::now();
   RequestLog log;
@@ -447,10 +447,10 @@ std::optional<HttpResponse> TtsHttpService::speak(const HttpRequest& request, co
     const std::string clientTag = request.header("if-none-match");
     std::optional<TtsReply> answer;
     if (cachedOnly) {
-      answer = service_->answerFromCache(tts, bareTag(clientTag), format);
+      answer = service_->answerFromCache(std::move(tts), bareTag(clientTag), format);
       if (!answer) return std::nullopt;
     } else {
-      answer = service_->answer(tts, bareTag(clientTag), format);
+      answer = service_->answer(std::move(tts), bareTag(clientTag), format);
     }
     TtsReply& reply = *answer;
     const TtsResult& result = reply.result;

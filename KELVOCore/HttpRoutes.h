@@ -120,7 +120,7 @@ class TtsHttpService {
   // One line spoken and answered in `format`: 200 with the audio and the
   // X-KELVO- headers, 304 when the client holds its tag, or the native error;
   // logged as one RequestLog entry under `route`. `cachedOnly` as above.
-  std::optional<HttpResponse> speak(const HttpRequest& request, const TtsRequest& tts, AudioFormat format,
+  std::optional<HttpResponse> speak(const HttpRequest& request, TtsRequest tts, AudioFormat format,
                                     std::string_view route, bool cachedOnly);
   // Logs a synthesis request refused before the pipeline; returns `refusal`.
   static HttpResponse refuseSpeech(const HttpRequest& request, std::string_view route, HttpResponse refusal);
