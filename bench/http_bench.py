@@ -53,6 +53,8 @@ def install_missing(packages):
 def setup():
     """The load generator and the static server to compare with, from Debian."""
     install_missing((("wrk", "wrk"), ("nginx-light", "nginx")))
+
+
 # About five seconds of placeholder speech: 441 KB at 44.1 kHz.
 LINE = {"text": "Flight KV 1234 to Lisbon is now boarding at gate B 12 please", "language": "en"}
 

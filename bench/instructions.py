@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Instructions `kelvo serve` executes per request on the cached paths.
 
-Counted by valgrind's callgrind over all of kelvo's threads, so the figures do
-not move with the machine's load the way requests/s on 2 shared cores do: a
-change of a few percent in the work of a cached line shows here, not in
-bench/http_bench.py's noise. System calls are not counted, only user space.
+Counted by valgrind's callgrind over all of kelvo's threads. The figures move
+by a few percent at most with the machine's load (the service's own timers
+are counted too), where requests/s on 2 shared cores move by ten: a change in
+the work of a cached line shows here, not in bench/http_bench.py's noise.
+System calls are not counted, only user space.
 
 Starts `kelvo serve` under callgrind on a fresh data root, caches the bench
 line, then for each case asks 200 times to warm up, zeroes the counters, asks
