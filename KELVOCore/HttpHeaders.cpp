@@ -14,13 +14,6 @@ auto lowerBound(Fields& fields, std::string_view name) {
                           [](const auto& field, std::string_view wanted) { return field.first < wanted; });
 }
 
-// The field named `name`, or fields.end().
-template <typename Fields>
-auto findIn(Fields& fields, std::string_view name) {
-  const auto at = lowerBound(fields, name);
-  return at != fields.end() && at->first == name ? at : fields.end();
-}
-
 }  // namespace
 
 HttpHeaders::HttpHeaders(std::initializer_list<value_type> fields) {
@@ -42,13 +35,9 @@ std::pair<HttpHeaders::iterator, bool> HttpHeaders::try_emplace(std::string_view
 }
 
 const std::string& HttpHeaders::at(std::string_view name) const {
-  const const_iterator it = find(name);
-  if (it == end()) throw std::out_of_range("no header " + std::string(name));
+  const const_iterator it = lowerBound(fields_, name);
+  if (it == end() || it->first != name) throw std::out_of_range("no header " + std::string(name));
   return it->second;
 }
-
-HttpHeaders::iterator HttpHeaders::find(std::string_view name) { return findIn(fields_, name); }
-
-HttpHeaders::const_iterator HttpHeaders::find(std::string_view name) const { return findIn(fields_, name); }
 
 }  // namespace kelvo

@@ -34,17 +34,11 @@ class HttpHeaders {
   std::pair<iterator, bool> try_emplace(std::string_view name, std::string value);
   // The value for `name`; std::out_of_range when absent.
   const std::string& at(std::string_view name) const;
-  iterator find(std::string_view name);
-  const_iterator find(std::string_view name) const;
-  std::size_t count(std::string_view name) const { return find(name) == end() ? 0 : 1; }
 
   iterator begin() { return fields_.begin(); }
   iterator end() { return fields_.end(); }
   const_iterator begin() const { return fields_.begin(); }
   const_iterator end() const { return fields_.end(); }
-  std::size_t size() const { return fields_.size(); }
-  bool empty() const { return fields_.empty(); }
-  void clear() { fields_.clear(); }
   void reserve(std::size_t fields) { fields_.reserve(fields); }
 
  private:

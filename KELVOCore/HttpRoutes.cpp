@@ -125,8 +125,9 @@ void TtsHttpService::start(std::optional<std::string> bindAddress, std::optional
   HttpServer::Options options;
   options.spoolsBody = [this](std::string_view method, std::string_view path, std::string_view authorization) {
     // Every request asks, and few rows spool: most paths are settled without a full match.
-    if (!routes_.flaggedPath(std::string(path), &Route::spoolsBody)) return false;
-    const RouteMatch match = routes_.match(std::string(method), std::string(path));
+    const std::string target(path);
+    if (!routes_.flaggedPath(target, &Route::spoolsBody)) return false;
+    const RouteMatch match = routes_.match(std::string(method), target);
     if (match.route == nullptr || !match.route->spoolsBody) return false;
     if (match.route->scope == Scope::open || !keys_->enforced()) return true;
     const std::optional<Scope> granted = keys_->check(bearerToken(std::string(authorization)));

@@ -153,7 +153,6 @@ TEST(HttpMessageTest, RequestAccessorsAndResponseBytes) {
   EXPECT_TRUE(h.try_emplace("A", "6").second);
   EXPECT_EQ(std::vector<HttpHeaders::value_type>(h.begin(), h.end()),
             (std::vector<HttpHeaders::value_type>{{"A", "6"}, {"a", "2"}, {"b", "4"}}));
-  EXPECT_EQ(h.count("c"), 0u);
   EXPECT_THROW(static_cast<void>(h.at("c")), std::out_of_range);
 
   HttpResponse e = HttpResponse::error(413, "body_too_large", "big");
