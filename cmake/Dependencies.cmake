@@ -9,7 +9,8 @@ find_package(nlohmann_json 3 REQUIRED)
 find_package(simdjson REQUIRED)
 # Asio and Beast are header-only: the HTTP server needs no Boost library.
 find_package(Boost 1.81 REQUIRED)
-# libcurl talks to the inference process and the online services.
+# libcurl talks to the inference process and the online services. Only its
+# header is built against; the library is opened at run time (CurlLoader.cpp).
 find_package(CURL REQUIRED)
 find_package(ZLIB REQUIRED)
 # The update check reads the release feed's Atom fallback with a real XML parser.

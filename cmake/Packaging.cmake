@@ -40,9 +40,11 @@ set(CPACK_DEBIAN_PACKAGE_SECTION sound)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # Depends: what dpkg-shlibdeps finds for the libraries the programs link.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# And what the maintainer scripts call: adduser where systemd-sysusers is
-# missing (deb-systemd-invoke comes with the essential init-system-helpers).
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser")
+# And what dpkg-shlibdeps cannot see: libcurl, opened at run time rather than
+# linked, and adduser, which the maintainer scripts call where
+# systemd-sysusers is missing (deb-systemd-invoke comes with the essential
+# init-system-helpers).
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "adduser, libcurl4 (>= 7.88)")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "systemd")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/prerm ${PROJECT_SOURCE_DIR}/packaging/postrm)
