@@ -122,11 +122,12 @@ HttpClientReply httpExchange(const HttpClientRequest& request) {
   return perform(curl.get(), request, std::chrono::seconds(0));
 }
 
-HttpSession::HttpSession(std::chrono::seconds maxIdle) : maxIdle_(maxIdle) { initOnce(); }
+HttpSession::HttpSession(std::chrono::seconds maxIdle) : maxIdle_(maxIdle) {}
 
 HttpSession::~HttpSession() { curl_easy_cleanup(kept_); }
 
 HttpClientReply HttpSession::exchange(const HttpClientRequest& request) {
+  initOnce();  // not in the constructor: an engine that never starts never loads libcurl
   CURL* h = nullptr;
   {
     std::lock_guard guard(lock_);
