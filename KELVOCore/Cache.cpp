@@ -1,6 +1,5 @@
 #include "KELVOCore/Cache.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,27 +55,6 @@ bool isPlainVariantName(std::string_view name) {
     if (name.size() > suffix.size() && name.ends_with(suffix)) return true;
   }
   return false;
-}
-
-// Calls `visit` with the name of every regular file directly inside `dir`
-// whose name passes `wanted`. Links and folders are left out, so no entry can
-// lead outside the directory. readdir rather than std::filesystem: at 100,000
-// files a path object per name is a visible part of the start.
-template <typename Visit>
-void forEachFile(const std::string& dir, bool (*wanted)(std::string_view), Visit&& visit) {
-  DIR* folder = ::opendir(dir.c_str());
-  if (folder == nullptr) return;
-  while (const dirent* e = ::readdir(folder)) {
-    const std::string_view name = e->d_name;
-    if (!wanted(name)) continue;
-    bool regular = e->d_type == DT_REG;
-    if (e->d_type == DT_UNKNOWN) {  // file systems that do not say; ask without following links
-      struct stat st {};
-      regular = ::fstatat(::dirfd(folder), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
-    }
-    if (regular) visit(name);
-  }
-  ::closedir(folder);
 }
 
 // True when the file is gone, whether deleted now or never there.

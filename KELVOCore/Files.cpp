@@ -1,5 +1,6 @@
 #include "KELVOCore/Files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -205,26 +206,42 @@ bool OpenFile::readAt(std::uint64_t offset, std::span<std::uint8_t> out) const {
   return true;
 }
 
+void forEachFile(const std::string& dir, bool (*wanted)(std::string_view),
+                 const std::function<void(std::string_view)>& visit) {
+  DIR* folder = ::opendir(dir.c_str());
+  if (folder == nullptr) return;
+  while (const dirent* e = ::readdir(folder)) {
+    const std::string_view name = e->d_name;
+    if (!wanted(name)) continue;
+    bool regular = e->d_type == DT_REG;
+    if (e->d_type == DT_UNKNOWN) {  // file systems that do not say; ask without following links
+      struct stat st {};
+      regular = ::fstatat(::dirfd(folder), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
+    }
+    if (regular) visit(name);
+  }
+  ::closedir(folder);
+}
+
 std::vector<std::string> removeOrphanedTempFiles(const std::string& dir, std::filesystem::file_time_type startedAt) {
   namespace fs = std::filesystem;
   // File times come from a clock that may lag a tick behind: a file this
   // process wrote just after starting can look a little older than its start.
   const fs::file_time_type ownBefore = startedAt - std::chrono::seconds(1);
   std::vector<std::string> removed;
-  std::error_code ec;
-  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
-    const std::string name = it->path().filename().string();
-    const std::optional<pid_t> writer = tempWriter(name);
-    if (!writer) continue;
+  const auto isTemp = [](std::string_view name) { return tempWriter(name).has_value(); };
+  forEachFile(dir, isTemp, [&](std::string_view name) {
+    const pid_t writer = *tempWriter(name);
+    const fs::path path = fs::path(dir) / name;
     std::error_code ignored;
-    if (*writer == ::getpid()) {
-      const fs::file_time_type written = it->last_write_time(ignored);
-      if (ignored || written >= ownBefore) continue;
-    } else if (processAlive(*writer)) {
-      continue;
+    if (writer == ::getpid()) {
+      const fs::file_time_type written = fs::last_write_time(path, ignored);
+      if (ignored || written >= ownBefore) return;
+    } else if (processAlive(writer)) {
+      return;
     }
-    if (it->is_regular_file(ignored) && fs::remove(it->path(), ignored)) removed.push_back(name);
-  }
+    if (fs::remove(path, ignored)) removed.emplace_back(name);
+  });
   return removed;
 }
 
