@@ -1,7 +1,5 @@
 #include "KELVOCore/Cache.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
